@@ -1,0 +1,54 @@
+# tarnheap_add_library(<name> KIND <STATIC|SHARED|DLL> [PREFIXED] [SEAMS] [VENDOR <string>])
+#
+# Every artefact of the heap is compiled from the same sources; variants differ only in the
+# constants of src/state/build_config.h (entry names, test seams, simulated vendor) and in the
+# platform layer, which the target platform chooses.
+file(GLOB TARNHEAP_PORTABLE_SOURCES CONFIGURE_DEPENDS
+     ${PROJECT_SOURCE_DIR}/src/state/*.cpp ${PROJECT_SOURCE_DIR}/src/api/*.cpp
+     ${PROJECT_SOURCE_DIR}/src/small/*.cpp ${PROJECT_SOURCE_DIR}/src/bucket/*.cpp
+     ${PROJECT_SOURCE_DIR}/src/runs/*.cpp)
+set(TARNHEAP_PLATFORM_SOURCES
+    ${PROJECT_SOURCE_DIR}/src/platform/commit.cpp
+    ${PROJECT_SOURCE_DIR}/src/platform/os_memory_ops.cpp
+    ${PROJECT_SOURCE_DIR}/src/platform/seams.cpp)
+if(WIN32)
+  list(APPEND TARNHEAP_PLATFORM_SOURCES ${PROJECT_SOURCE_DIR}/src/platform/windows.cpp)
+else()
+  list(APPEND TARNHEAP_PLATFORM_SOURCES ${PROJECT_SOURCE_DIR}/src/platform/linux.cpp)
+endif()
+
+# The heap runs inside other programs' allocations: no exceptions, no RTTI, nothing exported
+# but the five entry points, and calls among its own functions bound at link time.
+set(TARNHEAP_LIBRARY_OPTIONS -fno-exceptions -fno-rtti -fno-stack-protector -fvisibility=hidden)
+
+function(tarnheap_add_library name)
+  cmake_parse_arguments(arg "PREFIXED;SEAMS" "KIND;VENDOR" "" ${ARGN})
+  set(sources ${TARNHEAP_PORTABLE_SOURCES} ${TARNHEAP_PLATFORM_SOURCES})
+  if(arg_KIND STREQUAL "DLL")
+    add_library(${name} SHARED ${sources} ${PROJECT_SOURCE_DIR}/src/platform/dll_entry.cpp
+                                          ${PROJECT_SOURCE_DIR}/src/tarnheap.def)
+    set_target_properties(${name} PROPERTIES OUTPUT_NAME TARNHEAP PREFIX "" SUFFIX ".dll")
+    # The load-time entry is the heap's own: the C runtime's DLL start-up code would run
+    # constructors and allocate, and the heap has neither. The compiler's runtime is linked in
+    # statically, so the DLL imports KERNEL32.dll and msvcrt.dll only.
+    target_link_options(${name} PRIVATE -nostartfiles -Wl,--entry,tarnheap_dll_entry
+                        -static-libgcc -static-libstdc++)
+  else()
+    add_library(${name} ${arg_KIND} ${sources})
+  endif()
+  if(NOT WIN32)
+    target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+    target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+  endif()
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(${name} PRIVATE ${TARNHEAP_LIBRARY_OPTIONS})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include
+                             PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  target_compile_definitions(${name} PRIVATE
+                             TARNHEAP_SIMULATED_VENDOR="${arg_VENDOR}"
+                             TARNHEAP_TEST_SEAMS=$<BOOL:${arg_SEAMS}>
+                             TARNHEAP_PREFIXED=$<BOOL:${arg_PREFIXED}>)
+  if(arg_PREFIXED)
+    target_compile_definitions(${name} INTERFACE TARNHEAP_EMBED)
+  endif()
+endfunction()

@@ -1,0 +1,43 @@
+/* TarnHeap: a single-threaded replacement heap.
+ *
+ * TARNHEAP.dll and libtarnheap.so export malloc, calloc, realloc, free and mallopt under their
+ * standard names. The embeddable static library (define TARNHEAP_EMBED before including this
+ * header) names them tarnheap_malloc, tarnheap_calloc, tarnheap_realloc, tarnheap_free and
+ * tarnheap_mallopt, so that a program keeps its own malloc beside them. */
+#ifndef TARNHEAP_H
+#define TARNHEAP_H
+
+#include <stddef.h>
+
+/* mallopt(TARNHEAP_M_ROUTING, value): how requests of 1 to 64 bytes map to small classes.
+ * TARNHEAP_ROUTING_FINE serves every size at its own multiple of 4 bytes; any other value
+ * restores the coarse default of 4, 8, 16, 32, 48 or 64 bytes. Answers 1. */
+#define TARNHEAP_M_ROUTING 3225
+#define TARNHEAP_ROUTING_FINE 0
+#define TARNHEAP_ROUTING_COARSE 1
+
+/* mallopt(TARNHEAP_M_PROBE, TARNHEAP_PROBE_VALUE) answers TARNHEAP_PROBE_ANSWER, so that a program
+ * can tell whether this library serves its heap. Every other call answers 0. */
+#define TARNHEAP_M_PROBE 57005
+#define TARNHEAP_PROBE_VALUE 48879
+#define TARNHEAP_PROBE_ANSWER 2989
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifdef TARNHEAP_EMBED
+void* tarnheap_malloc(size_t size);
+void* tarnheap_calloc(size_t count, size_t size);
+void* tarnheap_realloc(void* block, size_t size);
+void tarnheap_free(void* block);
+int tarnheap_mallopt(int option, int value);
+#elif defined(_WIN32)
+int mallopt(int option, int value);
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

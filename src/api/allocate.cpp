@@ -1,0 +1,94 @@
+// The exported malloc and calloc: branch-only fast paths over the state, with every miss sent
+// out of line to the slow paths. Neither tests init_state: before initialisation every stack
+// depth and free count is zero, so every fast path misses by construction.
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "api/entry_names.h"
+#include "bucket/bucket_class.h"
+#include "bucket/slow_paths.h"
+#include "small/small_class.h"
+
+namespace tarnheap {
+namespace {
+
+TARNHEAP_COLD void* out_of_memory() {
+    errno = ENOMEM;
+    return nullptr;
+}
+
+TARNHEAP_COLD void* malloc_miss(size_t size) {
+    if (void* block = malloc_slow(size)) return block;
+    return out_of_memory();
+}
+
+TARNHEAP_COLD void* calloc_miss(size_t count, size_t size) {
+    if (void* block = calloc_slow(count, size)) return block;
+    return out_of_memory();
+}
+
+// A unit of bucket class j from its head group, or 0 when the group has none free (group 0,
+// the absence of a group, never has).
+TARNHEAP_HOT uint64_t claim_from_class(unsigned bucket_class) {
+    bucket_class_entry entry = heap_state.bucket_class_table[bucket_class];
+    bucket_group_view& group = heap_state.group_descriptor[entry.group_index].bucket;
+    if (group.free_units == 0) return 0;
+    return claim_unit(group, entry.bucket_size);
+}
+
+TARNHEAP_HOT void* popped(unsigned small_class, size_t size) {
+    uint64_t block;
+    if (!pop_small_block(small_class, block)) return malloc_miss(size);
+    // Only a corrupt stack yields address 0: a failure, not a miss.
+    return block != 0 ? reinterpret_cast<void*>(block) : out_of_memory();
+}
+
+}  // namespace
+}  // namespace tarnheap
+
+using namespace tarnheap;
+
+extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
+    if (size - 1 < 4) return popped(0, size);
+    if (size - 1 < 64) {
+        unsigned small_class = heap_state.small_class_head[(size + 3) / 4 - 1].route;
+        prefetch_next_block(small_class, 1);
+        return popped(small_class, size);
+    }
+    if (size - 1 < SMALL_MAX) {
+        unsigned small_class = medium_small_class(size);
+        prefetch_next_block(small_class, size >= 129 ? 4 : 2);
+        return popped(small_class, size);
+    }
+    if (size - 1 < BUCKET_LINEAR_MAX) {
+        if (uint64_t block = claim_from_class(static_cast<unsigned>((size + 63) >> 6))) {
+            for (unsigned line = 0; line < 4; ++line)
+                __builtin_prefetch(reinterpret_cast<const char*>(block) + 64 * line, 0, 1);
+            return reinterpret_cast<void*>(block);
+        }
+        return malloc_miss(size);
+    }
+    // malloc(0) never returns a block, by design.
+    if (size == 0) return out_of_memory();
+    return malloc_miss(size);
+}
+
+extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t size) {
+    if (count == 0 || size == 0) return out_of_memory();
+    // Unchecked and wrapping, as designed: a wrapped product is served for its wrapped value.
+    uint64_t total = (uint64_t{count} * size + 15) & ~uint64_t{15};
+    uint64_t block;
+    if (total <= SMALL_MAX) {
+        if (!pop_small_block(CALLOC_CLASS_TABLE.small_class[total >> 4], block))
+            return calloc_miss(count, size);
+        if (block == 0) return out_of_memory();
+    } else if (total <= BUCKET_LINEAR_MAX) {
+        block = claim_from_class(static_cast<unsigned>((total + 63) >> 6));
+        if (block == 0) return calloc_miss(count, size);
+    } else {
+        return calloc_miss(count, size);
+    }
+    std::memset(reinterpret_cast<void*>(block), 0, total);
+    return reinterpret_cast<void*>(block);
+}

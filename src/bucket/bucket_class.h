@@ -1,0 +1,31 @@
+// Bucket classes: the mapping of request sizes to classes, the unit claim shared by the fast
+// and slow paths, and the class lists of groups.
+#pragma once
+
+#include <cstdint>
+
+#include "state/compiler.h"
+#include "state/heap_state.h"
+
+namespace tarnheap {
+
+// The class of a request of 0 to 35328 bytes: a shift up to 2688, then a ladder of comparisons
+// over the upper sizes (no upper check: larger requests never come here).
+unsigned bucket_class_of(uint64_t size);
+
+// Claims the lowest free unit of a group with free_units > 0 and returns its address. Eighteen
+// fixed word tests, then the lowest clear bit; no scan position is kept.
+TARNHEAP_HOT uint64_t claim_unit(bucket_group_view& group, uint32_t bucket_size) {
+    --group.free_units;
+    unsigned word = 0;
+    // Words 0 to 16 in order, word 17 last; if all were full (the free count rules it out),
+    // word 0 is taken.
+    for (unsigned w = UNIT_BITMAP_WORDS; w-- > 0;)
+        if (~group.unit_bitmap[w] != 0) word = w;
+    uint64_t bits = group.unit_bitmap[word];
+    unsigned bit = static_cast<unsigned>(__builtin_ctzll(~bits));
+    group.unit_bitmap[word] = bits | (uint64_t{1} << bit);
+    return group.group_base + uint64_t{64 * word + bit} * bucket_size;
+}
+
+}  // namespace tarnheap

@@ -1,0 +1,61 @@
+// free: the owner of a block follows from its address alone, tested in this order: a small
+// class's segment, the bucket area, the zeroed region, the bootstrap arena; anything else
+// belongs to the C runtime's allocator.
+#include "small/release.h"
+
+#include "api/entry_names.h"
+#include "bucket/bucket_release.h"
+#include "small/small_class.h"
+
+namespace tarnheap {
+
+group_descriptor_record* in_use_descriptor(uint64_t address, uint32_t* group) {
+    // Below the bucket area the difference wraps to a huge value and fails the bound.
+    uint64_t offset = (address & REGION_OFFSET_MASK) - BUCKET_AREA_OFFSET;
+    if (offset >= BUCKET_AREA_BYTES) return nullptr;
+    uint32_t index = static_cast<uint32_t>(offset / GROUP_BYTES);
+    group_descriptor_record& descriptor = heap_state.group_descriptor[index];
+    // A cached run keeps list links where in-use groups keep their base: a second release of a
+    // block whose run went to the cache fails here and goes on to the other areas.
+    uint64_t base = descriptor.bucket.group_base;
+    if ((base >> SEGMENT_KEY_SHIFT) != (address >> SEGMENT_KEY_SHIFT) ||
+        base != heap_state.bucket_area_base + index * GROUP_BYTES)
+        return nullptr;
+    *group = index;
+    return &descriptor;
+}
+
+TARNHEAP_COLD void release_outside_small(uint64_t address) {
+    uint32_t group;
+    if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
+        if (descriptor->bucket.unit_size != 0) return release_unit(group, address);
+        if (descriptor->large.run_groups != 0) return release_large_run(group);
+    }
+    uint64_t zeroed_offset = address - heap_state.zeroed_region_base;
+    if (heap_state.zeroed_region_base != 0 && zeroed_offset < ZEROED_REGION_BYTES)
+        return release_zeroed_block(address, zeroed_offset);
+    // Bootstrap pieces are never reused.
+    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) return;
+    if (heap_state.fallback_free != nullptr) heap_state.fallback_free(reinterpret_cast<void*>(address));
+}
+
+namespace {
+
+// The common case, a small block with room on its stack, is one head load, one slot store and
+// the depth update; everything else leaves through one out-of-line call.
+TARNHEAP_HOT void release_address(uint64_t address) {
+    int small_class = small_class_owning(address);
+    if (small_class >= 0) return push_small_block(static_cast<unsigned>(small_class), address);
+    release_outside_small(address);
+}
+
+}  // namespace
+
+void release_block(uint64_t address) { release_address(address); }
+
+}  // namespace tarnheap
+
+extern "C" TARNHEAP_EXPORT void TARNHEAP_ENTRY(free)(void* block) {
+    if (block == nullptr) return;
+    tarnheap::release_address(reinterpret_cast<uint64_t>(block));
+}

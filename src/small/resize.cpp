@@ -1,0 +1,105 @@
+// realloc: the old block's usable size follows from its address by the same area tests as
+// free. A block stays where it is whenever the new size fits and the waste is tolerable;
+// otherwise it moves. There is no growth in place.
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "api/entry_names.h"
+#include "bucket/bucket_release.h"
+#include "bucket/slow_paths.h"
+#include "small/release.h"
+#include "small/short_copy.h"
+#include "small/small_class.h"
+
+namespace tarnheap {
+namespace {
+
+// A block of at least this many bytes moves to shrink only when the new size is at most a
+// 256th of it; smaller blocks never move to shrink.
+constexpr uint64_t SHRINK_MOVE_MIN = 35329;
+constexpr uint64_t SHRINK_RATIO = 256;
+constexpr uint64_t BOOTSTRAP_HEADER = 16;
+
+void* out_of_memory() {
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void* resize_allocate(uint64_t size) { return allocate_block(size, MODE_RESIZE); }
+
+void* resize_small(void* block, unsigned small_class, uint64_t size) {
+    uint64_t old_size = 4 * uint64_t{heap_state.small_class_head[small_class].units};
+    if (old_size >= size) return block;
+    void* moved = resize_allocate(size);
+    if (moved == nullptr) return out_of_memory();
+    short_copy(moved, block, old_size);
+    push_small_block(small_class, reinterpret_cast<uint64_t>(block));
+    return moved;
+}
+
+// The usable size of a block outside the small classes, 0 when the heap does not own it.
+uint64_t usable_size(uint64_t address) {
+    uint32_t group;
+    if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
+        if (descriptor->bucket.unit_size != 0) return descriptor->bucket.unit_size;
+        // A descriptor that is neither a group nor a run means a block the heap does not own.
+        if (descriptor->large.run_groups == 0) return 0;
+        return descriptor->large.run_groups * GROUP_BYTES - (address - descriptor->large.group_base);
+    }
+    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) {
+        uint64_t piece;
+        std::memcpy(&piece, reinterpret_cast<void*>(address - BOOTSTRAP_HEADER), sizeof piece);
+        return piece - BOOTSTRAP_HEADER;
+    }
+    uint64_t zeroed_offset = address - heap_state.zeroed_region_base;
+    if (heap_state.zeroed_region_base == 0 || zeroed_offset >= ZEROED_REGION_BYTES) return 0;
+    return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]} << ZEROED_SLOT_SHIFT;
+}
+
+bool stays_in_place(uint64_t old_size, uint64_t size) {
+    if (size == old_size) return true;
+    return size < old_size && (old_size < SHRINK_MOVE_MIN || size * SHRINK_RATIO > old_size);
+}
+
+void* resize_owned(void* block, uint64_t old_size, uint64_t size) {
+    if (stays_in_place(old_size, size)) return block;
+    void* moved = resize_allocate(size);
+    if (moved == nullptr) return out_of_memory();
+    std::memcpy(moved, block, old_size < size ? old_size : size);
+    release_outside_small(reinterpret_cast<uint64_t>(block));
+    return moved;
+}
+
+void* resize_foreign(void* block, uint64_t size) {
+    if (heap_state.fallback_realloc != nullptr)
+        if (void* moved = heap_state.fallback_realloc(block, size)) return moved;
+    return out_of_memory();
+}
+
+}  // namespace
+}  // namespace tarnheap
+
+using namespace tarnheap;
+
+extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t size) {
+    if (block == nullptr) {
+        // As malloc: a request for 0 bytes never gets a block.
+        void* fresh = size != 0 ? resize_allocate(size) : nullptr;
+        return fresh != nullptr ? fresh : out_of_memory();
+    }
+    uint64_t address = reinterpret_cast<uint64_t>(block);
+    // Releasing and reporting exhaustion at once is how this heap has always answered a
+    // request for nothing.
+    if (size == 0) {
+        release_block(address);
+        return out_of_memory();
+    }
+    int small_class = small_class_owning(address);
+    if (small_class >= 0) return resize_small(block, static_cast<unsigned>(small_class), size);
+    uint64_t old_size = usable_size(address);
+    if (old_size == 0) return resize_foreign(block, size);
+    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES && old_size >= size)
+        return block;
+    return resize_owned(block, old_size, size);
+}

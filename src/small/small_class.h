@@ -1,0 +1,82 @@
+// Small classes: the pop and push of their free-index stacks (inline, for the fast paths) and
+// the refill and flush that move blocks between a stack and its class's bitmap.
+#pragma once
+
+#include <cstdint>
+
+#include "small/small_class_table.h"
+#include "state/compiler.h"
+#include "state/heap_state.h"
+
+namespace tarnheap {
+
+TARNHEAP_HOT uint64_t small_block_address(uint32_t segment_key, uint32_t block_offset) {
+    return (uint64_t{segment_key} << SEGMENT_KEY_SHIFT) + (uint64_t{block_offset} << BLOCK_OFFSET_SHIFT);
+}
+
+// Hints the block the class's next pop will hand out into the outer caches. Reads the entry
+// below the top even when the stack holds fewer than two: the stale value is only a hint, it
+// lies inside the state, and a prefetch never faults.
+TARNHEAP_HOT void prefetch_next_block(unsigned small_class, unsigned lines) {
+    const small_class_head_record& head = heap_state.small_class_head[small_class];
+    const uint32_t* below_top = &heap_state.free_index_stack[small_class][0] + head.depth - 2;
+    auto* block = reinterpret_cast<const char*>(small_block_address(head.segment_key, *below_top));
+    for (unsigned line = 0; line < lines; ++line) __builtin_prefetch(block + 64 * line, 0, 1);
+}
+
+// Takes the top of the class's stack into `block`; false when the stack is empty.
+TARNHEAP_HOT bool pop_small_block(unsigned small_class, uint64_t& block) {
+    small_class_head_record& head = heap_state.small_class_head[small_class];
+    int depth = head.depth;
+    if (depth <= 0) return false;
+    head.depth = static_cast<int16_t>(--depth);
+    block = small_block_address(head.segment_key, heap_state.free_index_stack[small_class][depth]);
+    return true;
+}
+
+// The class of a request of 1 to 256 bytes, as the routing has it.
+TARNHEAP_HOT unsigned small_class_for(uint64_t size) {
+    if (size <= 4) return 0;
+    if (size <= 64) return heap_state.small_class_head[(size + 3) / 4 - 1].route;
+    return medium_small_class(size);
+}
+
+// Refills the empty stack of a class with remaining > 0 from its bitmap (committing the segment
+// the first time) and returns the lowest block found; the rest go on the stack so that pops
+// hand them out in ascending order. Never fails.
+uint64_t small_class_refill(unsigned small_class);
+
+// A block of the class: a pop, else a refill while the class has blocks never issued; 0 when
+// the class is exhausted.
+TARNHEAP_HOT uint64_t take_small_block(unsigned small_class) {
+    uint64_t block;
+    if (pop_small_block(small_class, block)) return block;
+    if (heap_state.small_class[small_class].remaining > 0) return small_class_refill(small_class);
+    return 0;
+}
+
+// Empties a class's stack into its bitmap, leaving depth 0.
+void flush_free_index_stack(unsigned small_class);
+
+// Pushes a released block on its class's stack, flushing a full stack first.
+TARNHEAP_HOT void push_small_block(unsigned small_class, uint64_t address) {
+    small_class_head_record& head = heap_state.small_class_head[small_class];
+    if (TARNHEAP_UNLIKELY(head.depth >= static_cast<int>(FREE_INDEX_STACK_CAPACITY)))
+        flush_free_index_stack(small_class);
+    heap_state.free_index_stack[small_class][head.depth++] =
+        static_cast<uint32_t>((address & REGION_OFFSET_MASK) >> BLOCK_OFFSET_SHIFT);
+}
+
+// The small class owning `address`, or -1: its offset lies in the small area and the class's
+// head, in use, holds the address's high bits.
+TARNHEAP_HOT int small_class_owning(uint64_t address) {
+    uint64_t offset = address & REGION_OFFSET_MASK;
+    if ((offset >> SMALL_AREA_TEST_SHIFT) >= 7) return -1;
+    unsigned small_class = static_cast<unsigned>(offset >> SEGMENT_SHIFT);
+    const small_class_head_record& head = heap_state.small_class_head[small_class];
+    if (head.segment_key != static_cast<uint32_t>(address >> SEGMENT_KEY_SHIFT) || head.units == 0)
+        return -1;
+    return static_cast<int>(small_class);
+}
+
+}  // namespace tarnheap

@@ -1,0 +1,32 @@
+// The build variant, fixed per library by the build system. Code switches on these constants
+// with `if constexpr`, so every variant compiles every path and release builds carry none of
+// the test hooks.
+#pragma once
+
+#ifndef TARNHEAP_SIMULATED_VENDOR
+#define TARNHEAP_SIMULATED_VENDOR ""
+#endif
+#ifndef TARNHEAP_TEST_SEAMS
+#define TARNHEAP_TEST_SEAMS 0
+#endif
+#ifndef TARNHEAP_PREFIXED
+#define TARNHEAP_PREFIXED 0
+#endif
+
+namespace tarnheap {
+
+// When not empty, the processor vendor read returns this instead of executing CPUID, so that
+// tests and benchmarks can run the heap on ordinary processors.
+inline constexpr char SIMULATED_VENDOR[] = TARNHEAP_SIMULATED_VENDOR;
+inline constexpr bool HAS_SIMULATED_VENDOR = sizeof(SIMULATED_VENDOR) > 1;
+static_assert(!HAS_SIMULATED_VENDOR || sizeof(SIMULATED_VENDOR) == 13,
+              "a vendor string is exactly 12 characters");
+
+// Platform operations consult the overrides of platform_seams (platform/seams.h).
+inline constexpr bool TEST_SEAMS = TARNHEAP_TEST_SEAMS;
+
+// The embeddable library names its entry points tarnheap_malloc and so on and falls back on the
+// C library it is linked with; the shared libraries use the standard names.
+inline constexpr bool PREFIXED_ENTRIES = TARNHEAP_PREFIXED;
+
+}  // namespace tarnheap
