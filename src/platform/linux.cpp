@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <sys/mman.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "platform/platform.h"
@@ -124,6 +125,10 @@ bool platform_virtual_free(void* address, uint64_t size, uint32_t type) {
 }
 
 uint32_t platform_last_error() { return last_error; }
+
+void print_to_standard_error(const char* format, va_list arguments) {
+    std::vfprintf(stderr, format, arguments);
+}
 
 void load_fallbacks() {
     if constexpr (PREFIXED_ENTRIES) {

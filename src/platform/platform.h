@@ -2,6 +2,7 @@
 // faithful emulation of them. Nothing else in the heap names an operating system.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 
 #include "platform/seams.h"
@@ -32,6 +33,10 @@ uint32_t platform_last_error();
 // Fills the state's four fallback entries from the platform C runtime ("msvcrt.dll" on
 // Windows); a missing runtime or name leaves its entry null. May re-enter the heap.
 void load_fallbacks();
+
+// The C runtime's formatted print to its standard error stream (msvcrt's on Windows, which
+// renders %p its own way).
+void print_to_standard_error(const char* format, va_list arguments);
 
 inline void* os_virtual_alloc(void* address, uint64_t size, uint32_t type, uint32_t protection) {
     if constexpr (TEST_SEAMS)

@@ -1,5 +1,6 @@
 // The platform operations on Windows: direct calls of the kernel's virtual memory functions and
 // of the loader, for the C runtime that serves as fallback.
+#include <stdio.h>
 #include <windows.h>
 
 #include "platform/platform.h"
@@ -19,6 +20,11 @@ bool platform_virtual_free(void* address, uint64_t size, uint32_t type) {
 }
 
 uint32_t platform_last_error() { return GetLastError(); }
+
+// msvcrt's own vfprintf: the toolchain's replacement would drag its static runtime into the DLL.
+void print_to_standard_error(const char* format, va_list arguments) {
+    __ms_vfprintf(stderr, format, arguments);
+}
 
 template <typename entry>
 entry runtime_entry(HMODULE runtime, const char* name) {

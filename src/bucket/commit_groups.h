@@ -1,0 +1,27 @@
+// The lazy commit of the bucket area, in nine large chunks.
+#pragma once
+
+#include <cstdint>
+
+#include "state/layout.h"
+
+namespace tarnheap {
+
+// Chunks of 7600 groups (about 512 MiB) keep the commits to nine for the life of the process.
+inline constexpr uint32_t COMMIT_CHUNK_GROUPS = 7600;
+inline constexpr uint64_t COMMIT_CHUNK_BYTES = COMMIT_CHUNK_GROUPS * GROUP_BYTES;
+// The last chunk runs to the end of the reservation, past the last group.
+inline constexpr uint64_t LAST_COMMIT_CHUNK_BYTES = 0x1FF20000;
+inline constexpr unsigned LAST_COMMIT_CHUNK = 8;
+static_assert(COMMIT_CHUNK_BYTES == 0x2001C000);
+static_assert(LAST_COMMIT_CHUNK * COMMIT_CHUNK_GROUPS < GROUP_COUNT &&
+              (LAST_COMMIT_CHUNK + 1) * COMMIT_CHUNK_GROUPS >= GROUP_COUNT);
+static_assert(BUCKET_AREA_OFFSET + LAST_COMMIT_CHUNK * COMMIT_CHUNK_BYTES +
+                  LAST_COMMIT_CHUNK_BYTES ==
+              REGION_BYTES);
+
+// Makes sure the memory of groups first .. first + count - 1 is committed. A chunk is committed
+// once: a failed commit is reported, marked done like a successful one and never retried.
+void commit_groups(uint32_t first, uint32_t count);
+
+}  // namespace tarnheap
