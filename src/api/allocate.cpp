@@ -53,12 +53,12 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
     if (size - 1 < 4) return popped(0, size);
     if (size - 1 < 64) {
         unsigned small_class = heap_state.small_class_head[(size + 3) / 4 - 1].route;
-        prefetch_next_block(small_class, 1);
+        prefetch_next_block(small_class, size);
         return popped(small_class, size);
     }
     if (size - 1 < SMALL_MAX) {
         unsigned small_class = medium_small_class(size);
-        prefetch_next_block(small_class, size >= 129 ? 4 : 2);
+        prefetch_next_block(small_class, size);
         return popped(small_class, size);
     }
     if (size - 1 < BUCKET_LINEAR_MAX) {

@@ -14,14 +14,20 @@ TARNHEAP_HOT uint64_t small_block_address(uint32_t segment_key, uint32_t block_o
     return (uint64_t{segment_key} << SEGMENT_KEY_SHIFT) + (uint64_t{block_offset} << BLOCK_OFFSET_SHIFT);
 }
 
-// Hints the block the class's next pop will hand out into the outer caches. Reads the entry
-// below the top even when the stack holds fewer than two: the stale value is only a hint, it
-// lies inside the state, and a prefetch never faults.
-TARNHEAP_HOT void prefetch_next_block(unsigned small_class, unsigned lines) {
+// Hints the block the class's next pop will hand out into the outer caches: the lines a request
+// of `size` bytes will touch first. Reads the entry below the top even when the stack holds
+// fewer than two: the stale value is only a hint, it lies inside the state, and a prefetch
+// never faults.
+TARNHEAP_HOT void prefetch_next_block(unsigned small_class, uint64_t size) {
     const small_class_head_record& head = heap_state.small_class_head[small_class];
     const uint32_t* below_top = &heap_state.free_index_stack[small_class][0] + head.depth - 2;
     auto* block = reinterpret_cast<const char*>(small_block_address(head.segment_key, *below_top));
-    for (unsigned line = 0; line < lines; ++line) __builtin_prefetch(block + 64 * line, 0, 1);
+    __builtin_prefetch(block, 0, 1);
+    if (size > 64) __builtin_prefetch(block + 64, 0, 1);
+    if (size > 128) {
+        __builtin_prefetch(block + 128, 0, 1);
+        __builtin_prefetch(block + 192, 0, 1);
+    }
 }
 
 // Takes the top of the class's stack into `block`; false when the stack is empty.

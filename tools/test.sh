@@ -1,0 +1,8 @@
+#!/bin/sh
+# Builds both presets and runs every test: the Linux port natively (and its processor check
+# under qemu-user), the Windows build under Wine.
+set -eu
+cd "$(dirname "$0")/.."
+tools/setup-debian.sh
+cmake --workflow --preset linux
+cmake --workflow --preset windows
