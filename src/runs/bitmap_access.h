@@ -12,6 +12,14 @@ inline uint64_t load_word(const uint8_t* at) {
     return word;
 }
 
-inline void store_word(uint8_t* at, uint64_t word) { std::memcpy(at, &word, sizeof word); }
+inline uint32_t load_half_word(const uint8_t* at) {
+    uint32_t half;
+    std::memcpy(&half, at, sizeof half);
+    return half;
+}
+
+inline void store_word(uint8_t* at, uint64_t word) {
+    std::memcpy(at, &word, sizeof word);
+}
 
 }  // namespace tarnheap

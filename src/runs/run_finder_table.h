@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "runs/run_length_classes.h"
 #include "runs/run_search_state.h"
 
 namespace tarnheap {
@@ -40,7 +41,9 @@ run_finder tier_member(unsigned tier, unsigned j);
 int64_t generic_block_finder(uint8_t* bitmap, uint64_t limit, uint64_t* length,
                              run_search_state* state);
 
-// The length class of a run of `length` bits (0 above 32768 bits: such runs are not counted).
-unsigned run_length_class(uint64_t length);
+// The routine behind the tier-3 members: claims the first run of k free 512-bit blocks
+// (`length` = 512k bits) by zeroing its bytes, leaving its bits clear.
+int64_t block_run_finder(uint8_t* bitmap, uint64_t limit, run_search_state* state, int32_t length,
+                         uint32_t k);
 
 }  // namespace tarnheap

@@ -22,23 +22,11 @@ int64_t one_bit_finder(uint8_t* bitmap, uint64_t limit, run_search_state* state)
     return static_cast<int64_t>(bit);
 }
 
-unsigned run_length_class(uint64_t length) {
-    if (length <= 63) return static_cast<unsigned>(length);
-    if (length <= 504) return 63 + static_cast<unsigned>((length + 7) / 8);
-    if (length <= 4032) return 126 + static_cast<unsigned>((length + 63) / 64);
-    if (length <= 32768) return 189 + static_cast<unsigned>((length + 511) / 512);
-    return 0;
-}
-
 uint64_t search_start(const run_search_state* state, uint32_t length) {
     uint64_t shorter_bits = 0;
-    for (unsigned c = 1; c <= 63 && c < length; ++c) shorter_bits += uint64_t{state->run_counts[c - 1]} * c;
-    for (unsigned j = 8; j <= 63 && 8 * j < length; ++j)
-        shorter_bits += uint64_t{state->run_counts[63 + j - 1]} * 8 * j;
-    for (unsigned j = 8; j <= 63 && 64 * j < length; ++j)
-        shorter_bits += uint64_t{state->run_counts[126 + j - 1]} * 64 * j;
-    for (unsigned j = 8; j <= 64 && 512 * j < length; ++j)
-        shorter_bits += uint64_t{state->run_counts[189 + j - 1]} * 512 * j;
+    // Classes ascend with their lengths: the shorter ones are a prefix of the counters.
+    for (unsigned c = 1; c <= RUN_CLASS_COUNT && run_class_length(c) < length; ++c)
+        shorter_bits += uint64_t{state->run_counts[c - 1]} * run_class_length(c);
     return std::max<uint64_t>(state->cursor, shorter_bits);
 }
 
