@@ -7,11 +7,10 @@
 #include "bucket/commit_groups.h"
 #include "bucket/hand_out.h"
 #include "bucket/run_cache.h"
+#include "bucket/run_length.h"
 
 namespace tarnheap {
 namespace {
-
-constexpr unsigned ONE_GROUP_ENTRY = 1;
 
 int64_t claim_one_group() {
     run_finder one_group = heap_state.run_length_table[ONE_GROUP_ENTRY].finder;

@@ -10,12 +10,6 @@
 #include "runs/run_finder_table.h"
 
 namespace tarnheap {
-namespace {
-
-constexpr unsigned ONE_GROUP_ENTRY = 1;
-
-}  // namespace
-
 void release_unit(uint32_t group, uint64_t address) {
     bucket_group_view& view = heap_state.group_descriptor[group].bucket;
     // Rounding up makes the reciprocal exact at every unit start.

@@ -24,7 +24,7 @@ inline constexpr run_length_tier RUN_LENGTH_TIERS[] = {
 };
 
 // Longer runs are claimed by the generic finder, never cached, and released at once.
-inline constexpr uint32_t LONGEST_TABLE_RUN = 32768;
+inline constexpr uint32_t LONGEST_TABLE_RUN = RUN_LENGTH_TIERS[3].longest;
 
 struct run_length_choice {
     uint64_t groups;  // the rounded length
@@ -40,11 +40,14 @@ constexpr run_length_choice run_length_for(uint64_t groups) {
     return {groups, 0};
 }
 
+// Emptied bucket groups and one-group blocks share this entry's cache list.
+inline constexpr unsigned ONE_GROUP_ENTRY = 1;
+
 constexpr bool operator==(run_length_choice a, run_length_choice b) {
     return a.groups == b.groups && a.entry == b.entry;
 }
 
-static_assert(run_length_for(1) == run_length_choice{1, 1});
+static_assert(run_length_for(1) == run_length_choice{1, ONE_GROUP_ENTRY});
 static_assert(run_length_for(63) == run_length_choice{63, 63});
 static_assert(run_length_for(64) == run_length_choice{64, 72});
 static_assert(run_length_for(149) == run_length_choice{152, 83});
