@@ -10,10 +10,12 @@
 
 namespace {
 
-constexpr uint64_t REGION_BYTES = 0x200000000;   // the heap's one 8 GiB reservation
-constexpr uint64_t SEGMENT_BYTES = 0x8000000;    // one small class each
+constexpr uint64_t REGION_BYTES = 0x200000000;  // the heap's one 8 GiB reservation
+constexpr uint64_t SEGMENT_BYTES = 0x8000000;   // one small class each
 constexpr uint64_t SMALL_AREA_BYTES = 0xE0000000;
-constexpr uint64_t GROUP_BYTES = 70656;           // the bucket area's unit of claim
+constexpr uint64_t GROUP_BYTES = 70656;             // the bucket area's unit of claim
+constexpr uint64_t ZEROED_REGION = 0x7ff000000000;  // where calloc's zeroed region is asked for
+constexpr uint64_t ZEROED_BYTES = 0x4000000;
 
 uint64_t region_base = 0;
 
@@ -28,8 +30,10 @@ void describe(const char* what, size_t size, void* block) {
     else if (region_base != 0 && offset < REGION_BYTES)
         std::printf("bucket area, group %llu\n",
                     static_cast<unsigned long long>((offset - SMALL_AREA_BYTES) / GROUP_BYTES));
+    else if (address - ZEROED_REGION < ZEROED_BYTES)
+        std::printf("calloc's zeroed region\n");
     else
-        std::printf("outside the heap's region\n");
+        std::printf("the C runtime (fallback)\n");
 }
 
 }  // namespace
@@ -59,12 +63,27 @@ int main() {
     std::free(zeroed);
     std::free(first);
 
-    std::printf("larger blocks:\n");
-    for (size_t size : {size_t{1000}, size_t{3000}, size_t{40000}, size_t{10} << 20}) {
+    std::printf("bucket units and runs of groups:\n");
+    for (size_t size :
+         {size_t{1000}, size_t{3000}, size_t{35328}, size_t{40000}, size_t{10} << 20}) {
         void* block = std::malloc(size);
         if (block != nullptr) std::memset(block, 0x5A, size);
-        describe("malloc", size, block);
+        describe(size <= 35328 ? "malloc (bucket unit)" : "malloc (run of groups)", size, block);
         std::free(block);
     }
+
+    std::printf("calloc of 800000 bytes: a run of groups 200 times, then the zeroed region:\n");
+    for (int request = 1; request <= 201; ++request) {
+        void* block = std::calloc(1, 800000);
+        if (request == 1 || request == 201)
+            describe(request == 1 ? "calloc, 1st request" : "calloc, 201st request", 800000, block);
+        std::free(block);
+    }
+
+    std::printf("beyond the bucket area:\n");
+    size_t huge = size_t{5} << 30;
+    void* block = std::malloc(huge);
+    describe("malloc (above 4.5 GiB)", huge, block);
+    std::free(block);
     return 0;
 }

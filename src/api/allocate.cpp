@@ -7,6 +7,7 @@
 
 #include "api/entry_names.h"
 #include "bucket/bucket_class.h"
+#include "bucket/hand_out.h"
 #include "bucket/slow_paths.h"
 #include "small/small_class.h"
 
@@ -62,11 +63,8 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
         return popped(small_class, size);
     }
     if (size - 1 < BUCKET_LINEAR_MAX) {
-        if (uint64_t block = claim_from_class(static_cast<unsigned>((size + 63) >> 6))) {
-            for (unsigned line = 0; line < 4; ++line)
-                __builtin_prefetch(reinterpret_cast<const char*>(block) + 64 * line, 0, 1);
-            return reinterpret_cast<void*>(block);
-        }
+        if (uint64_t block = claim_from_class(static_cast<unsigned>((size + 63) >> 6)))
+            return hand_out(block, size, MODE_MALLOC);
         return malloc_miss(size);
     }
     // malloc(0) never returns a block, by design.

@@ -102,7 +102,7 @@ TEST(tarnheap_dll, serves_small_blocks_from_its_region) {
 }
 
 TEST(tarnheap_dll, built_for_another_vendor_leaves_everything_to_the_c_runtime) {
-    heap_entries heap = load("other_vendor\\TARNHEAP.dll");
+    heap_entries heap = load("TARNHEAP_OTHER_VENDOR.dll");
     ASSERT_NE(heap.module, nullptr);
     ASSERT_NE(heap.module, GetModuleHandleA("TARNHEAP.dll"));
     void* block = heap.malloc(100);
