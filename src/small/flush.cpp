@@ -34,4 +34,10 @@ TARNHEAP_COLD void flush_free_index_stack(unsigned small_class) {
     head.depth = 0;
 }
 
+TARNHEAP_COLD void flush_and_push(unsigned small_class, uint64_t address) {
+    flush_free_index_stack(small_class);
+    heap_state.free_index_stack[small_class][0] = block_offset_of(address);
+    heap_state.small_class_head[small_class].depth = 1;
+}
+
 }  // namespace tarnheap

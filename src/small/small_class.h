@@ -64,13 +64,22 @@ TARNHEAP_HOT uint64_t take_small_block(unsigned small_class) {
 // Empties a class's stack into its bitmap, leaving depth 0.
 void flush_free_index_stack(unsigned small_class);
 
-// Pushes a released block on its class's stack, flushing a full stack first.
+TARNHEAP_HOT uint32_t block_offset_of(uint64_t address) {
+    return static_cast<uint32_t>((address & REGION_OFFSET_MASK) >> BLOCK_OFFSET_SHIFT);
+}
+
+// Flushes the class's full stack, then pushes the block: it is the only entry left.
+void flush_and_push(unsigned small_class, uint64_t address);
+
+// Pushes a released block on its class's stack. A full stack is flushed out of line, so that
+// the common push keeps nothing live across a call and needs no stack frame.
 TARNHEAP_HOT void push_small_block(unsigned small_class, uint64_t address) {
     small_class_head_record& head = heap_state.small_class_head[small_class];
-    if (TARNHEAP_UNLIKELY(head.depth >= static_cast<int>(FREE_INDEX_STACK_CAPACITY)))
-        flush_free_index_stack(small_class);
-    heap_state.free_index_stack[small_class][head.depth++] =
-        static_cast<uint32_t>((address & REGION_OFFSET_MASK) >> BLOCK_OFFSET_SHIFT);
+    int depth = head.depth;
+    if (TARNHEAP_UNLIKELY(depth >= static_cast<int>(FREE_INDEX_STACK_CAPACITY)))
+        return flush_and_push(small_class, address);
+    heap_state.free_index_stack[small_class][depth] = block_offset_of(address);
+    head.depth = static_cast<int16_t>(depth + 1);
 }
 
 // The small class owning `address`, or -1: its offset lies in the small area and the class's
