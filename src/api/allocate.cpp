@@ -38,9 +38,9 @@ TARNHEAP_HOT uint64_t claim_from_class(unsigned bucket_class) {
     return claim_unit(group, entry.bucket_size);
 }
 
-TARNHEAP_HOT void* popped(unsigned small_class, size_t size) {
+TARNHEAP_HOT void* popped(const small_stack& stack, size_t size) {
     uint64_t block;
-    if (!pop_small_block(small_class, block)) return malloc_miss(size);
+    if (!pop_small_block(stack, block)) return malloc_miss(size);
     // Only a corrupt stack yields address 0: a failure, not a miss.
     return block != 0 ? reinterpret_cast<void*>(block) : out_of_memory();
 }
@@ -51,16 +51,16 @@ TARNHEAP_HOT void* popped(unsigned small_class, size_t size) {
 using namespace tarnheap;
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
-    if (size - 1 < 4) return popped(0, size);
+    if (size - 1 < 4) return popped(stack_of(0), size);
     if (size - 1 < 64) {
-        unsigned small_class = heap_state.small_class_head[(size + 3) / 4 - 1].route;
-        prefetch_next_block(small_class, size);
-        return popped(small_class, size);
+        small_stack stack = stack_of(heap_state.small_class_head[(size + 3) / 4 - 1].route);
+        prefetch_next_block(stack, size);
+        return popped(stack, size);
     }
     if (size - 1 < SMALL_MAX) {
-        unsigned small_class = medium_small_class(size);
-        prefetch_next_block(small_class, size);
-        return popped(small_class, size);
+        small_stack stack = stack_of(medium_small_class(size));
+        prefetch_next_block(stack, size);
+        return popped(stack, size);
     }
     if (size - 1 < BUCKET_LINEAR_MAX) {
         if (uint64_t block = claim_from_class(static_cast<unsigned>((size + 63) >> 6)))
@@ -78,7 +78,7 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t siz
     uint64_t total = (uint64_t{count} * size + 15) & ~uint64_t{15};
     uint64_t block;
     if (total <= SMALL_MAX) {
-        if (!pop_small_block(CALLOC_CLASS_TABLE.small_class[total >> 4], block))
+        if (!pop_small_block(stack_of(CALLOC_CLASS_TABLE.small_class[total >> 4]), block))
             return calloc_miss(count, size);
         if (block == 0) return out_of_memory();
     } else if (total <= BUCKET_LINEAR_MAX) {
@@ -87,6 +87,6 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t siz
     } else {
         return calloc_miss(count, size);
     }
-    std::memset(reinterpret_cast<void*>(block), 0, total);
-    return reinterpret_cast<void*>(block);
+    // A tail call: memset answers the block.
+    return std::memset(reinterpret_cast<void*>(block), 0, total);
 }

@@ -31,7 +31,7 @@ void* calloc_small(uint64_t total) {
     // A total wrapped to 0 gets a class-0 block with its 4 bytes cleared.
     uint64_t zeroed = total != 0 ? total : 4;
     uint64_t popped;
-    if (pop_small_block(small_class, popped)) {
+    if (pop_small_block(stack_of(small_class), popped)) {
         std::memset(as_pointer(popped), 0, zeroed);
         return as_pointer(popped);
     }

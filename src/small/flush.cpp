@@ -34,7 +34,8 @@ TARNHEAP_COLD void flush_free_index_stack(unsigned small_class) {
     head.depth = 0;
 }
 
-TARNHEAP_COLD void flush_and_push(unsigned small_class, uint64_t address) {
+TARNHEAP_COLD void flush_and_push(uint64_t address) {
+    unsigned small_class = static_cast<unsigned>((address & REGION_OFFSET_MASK) >> SEGMENT_SHIFT);
     flush_free_index_stack(small_class);
     heap_state.free_index_stack[small_class][0] = block_offset_of(address);
     heap_state.small_class_head[small_class].depth = 1;

@@ -14,14 +14,23 @@ TARNHEAP_HOT uint64_t small_block_address(uint32_t segment_key, uint32_t block_o
     return (uint64_t{segment_key} << SEGMENT_KEY_SHIFT) + (uint64_t{block_offset} << BLOCK_OFFSET_SHIFT);
 }
 
+// A class's head and stack, found once for the prefetch and the pop that follows it.
+struct small_stack {
+    small_class_head_record& head;
+    uint32_t* entries;
+};
+
+TARNHEAP_HOT small_stack stack_of(unsigned small_class) {
+    return {heap_state.small_class_head[small_class], heap_state.free_index_stack[small_class]};
+}
+
 // Hints the block the class's next pop will hand out into the outer caches: the lines a request
 // of `size` bytes will touch first. Reads the entry below the top even when the stack holds
 // fewer than two: the stale value is only a hint, it lies inside the state, and a prefetch
 // never faults.
-TARNHEAP_HOT void prefetch_next_block(unsigned small_class, uint64_t size) {
-    const small_class_head_record& head = heap_state.small_class_head[small_class];
-    const uint32_t* below_top = &heap_state.free_index_stack[small_class][0] + head.depth - 2;
-    auto* block = reinterpret_cast<const char*>(small_block_address(head.segment_key, *below_top));
+TARNHEAP_HOT void prefetch_next_block(const small_stack& stack, uint64_t size) {
+    const uint32_t* below_top = stack.entries + int64_t{stack.head.depth} - 2;
+    auto* block = reinterpret_cast<const char*>(small_block_address(stack.head.segment_key, *below_top));
     __builtin_prefetch(block, 0, 1);
     if (size > 64) __builtin_prefetch(block + 64, 0, 1);
     if (size > 128) {
@@ -30,13 +39,12 @@ TARNHEAP_HOT void prefetch_next_block(unsigned small_class, uint64_t size) {
     }
 }
 
-// Takes the top of the class's stack into `block`; false when the stack is empty.
-TARNHEAP_HOT bool pop_small_block(unsigned small_class, uint64_t& block) {
-    small_class_head_record& head = heap_state.small_class_head[small_class];
-    int depth = head.depth;
+// Takes the top of the stack into `block`; false when the stack is empty.
+TARNHEAP_HOT bool pop_small_block(const small_stack& stack, uint64_t& block) {
+    int64_t depth = stack.head.depth;
     if (depth <= 0) return false;
-    head.depth = static_cast<int16_t>(--depth);
-    block = small_block_address(head.segment_key, heap_state.free_index_stack[small_class][depth]);
+    stack.head.depth = static_cast<int16_t>(depth - 1);
+    block = small_block_address(stack.head.segment_key, stack.entries[depth - 1]);
     return true;
 }
 
@@ -56,7 +64,7 @@ uint64_t small_class_refill(unsigned small_class);
 // the class is exhausted.
 TARNHEAP_HOT uint64_t take_small_block(unsigned small_class) {
     uint64_t block;
-    if (pop_small_block(small_class, block)) return block;
+    if (pop_small_block(stack_of(small_class), block)) return block;
     if (heap_state.small_class[small_class].remaining > 0) return small_class_refill(small_class);
     return 0;
 }
@@ -68,16 +76,15 @@ TARNHEAP_HOT uint32_t block_offset_of(uint64_t address) {
     return static_cast<uint32_t>((address & REGION_OFFSET_MASK) >> BLOCK_OFFSET_SHIFT);
 }
 
-// Flushes the class's full stack, then pushes the block: it is the only entry left.
-void flush_and_push(unsigned small_class, uint64_t address);
+// Flushes the full stack of the block's class, then pushes the block: it is the only entry left.
+void flush_and_push(uint64_t address);
 
 // Pushes a released block on its class's stack. A full stack is flushed out of line, so that
 // the common push keeps nothing live across a call and needs no stack frame.
 TARNHEAP_HOT void push_small_block(unsigned small_class, uint64_t address) {
     small_class_head_record& head = heap_state.small_class_head[small_class];
-    int depth = head.depth;
-    if (TARNHEAP_UNLIKELY(depth >= static_cast<int>(FREE_INDEX_STACK_CAPACITY)))
-        return flush_and_push(small_class, address);
+    int64_t depth = head.depth;
+    if (TARNHEAP_UNLIKELY(depth >= FREE_INDEX_STACK_CAPACITY)) return flush_and_push(address);
     heap_state.free_index_stack[small_class][depth] = block_offset_of(address);
     head.depth = static_cast<int16_t>(depth + 1);
 }
@@ -85,9 +92,8 @@ TARNHEAP_HOT void push_small_block(unsigned small_class, uint64_t address) {
 // The small class owning `address`, or -1: its offset lies in the small area and the class's
 // head, in use, holds the address's high bits.
 TARNHEAP_HOT int small_class_owning(uint64_t address) {
-    uint64_t offset = address & REGION_OFFSET_MASK;
-    if ((offset >> SMALL_AREA_TEST_SHIFT) >= 7) return -1;
-    unsigned small_class = static_cast<unsigned>(offset >> SEGMENT_SHIFT);
+    uint64_t small_class = (address & REGION_OFFSET_MASK) >> SEGMENT_SHIFT;
+    if (small_class >= SMALL_CLASS_COUNT) return -1;
     const small_class_head_record& head = heap_state.small_class_head[small_class];
     if (head.segment_key != static_cast<uint32_t>(address >> SEGMENT_KEY_SHIFT) || head.units == 0)
         return -1;

@@ -22,9 +22,6 @@ inline constexpr unsigned SEGMENT_SHIFT = 27;
 inline constexpr uint64_t SMALL_AREA_BYTES = SMALL_CLASS_COUNT * SEGMENT_BYTES;
 static_assert(SEGMENT_BYTES == uint64_t{1} << SEGMENT_SHIFT);
 static_assert(SMALL_AREA_BYTES == 0xE0000000);
-// The small-area test looks at offset bits 29 and up: below 7 means below 28 segments.
-inline constexpr unsigned SMALL_AREA_TEST_SHIFT = 29;
-static_assert((uint64_t{7} << SMALL_AREA_TEST_SHIFT) == SMALL_AREA_BYTES);
 
 inline constexpr unsigned FREE_INDEX_STACK_CAPACITY = 2008;
 inline constexpr unsigned REFILL_BATCH = 1016;
