@@ -1,0 +1,85 @@
+// Workloads of small blocks: the fast paths of every heap, where a pair costs a few
+// nanoseconds and any extra instruction shows.
+#include <cstdlib>
+
+#include "block_touch.h"
+#include "fixed_random.h"
+#include "workloads.h"
+
+namespace workload {
+
+template <uint64_t BYTES>
+void small_pairs(uint64_t steps) {
+    for (uint64_t i = 0; i < steps; ++i) {
+        void* block = checked(std::malloc(BYTES), "malloc", BYTES);
+        touch_first(block);
+        std::free(block);
+    }
+}
+template void small_pairs<16>(uint64_t);
+template void small_pairs<64>(uint64_t);
+template void small_pairs<256>(uint64_t);
+
+namespace {
+
+constexpr unsigned LIFO_BATCH = 1000;
+uint32_t lifo_sizes[LIFO_BATCH];
+void* lifo_blocks[LIFO_BATCH];
+
+// Block sizes of 1 to 4096 bytes: mostly above the small classes of most heaps, so the pool
+// stresses their medium paths and their reuse of freed space.
+constexpr unsigned RANDOM_POOL_BLOCKS = 10000;
+constexpr uint64_t RANDOM_POOL_MAX_BYTES = 4096;
+void* random_pool[RANDOM_POOL_BLOCKS];
+fixed_random random_pool_draws{0x9e3779b97f4a7c15ULL};
+
+}  // namespace
+
+void lifo_set_up() {
+    fixed_random random{0x0123456789abcdefULL};
+    for (uint32_t& size : lifo_sizes) size = 8 + static_cast<uint32_t>(draw_below(random, 249));
+}
+
+// One step is a batch: 1000 blocks of 8 to 256 bytes, then their release newest first.
+void lifo_batches(uint64_t steps) {
+    for (uint64_t i = 0; i < steps; ++i) {
+        for (unsigned b = 0; b < LIFO_BATCH; ++b) {
+            lifo_blocks[b] = checked(std::malloc(lifo_sizes[b]), "malloc", lifo_sizes[b]);
+            touch_first(lifo_blocks[b]);
+        }
+        for (unsigned b = LIFO_BATCH; b-- > 0;) std::free(lifo_blocks[b]);
+    }
+}
+
+void calloc_pairs(uint64_t steps) {
+    for (uint64_t i = 0; i < steps; ++i) {
+        void* block = checked(std::calloc(1, 256), "calloc", 256);
+        touch_first(block);
+        std::free(block);
+    }
+}
+
+void random_pool_set_up() {
+    for (void*& block : random_pool) {
+        uint64_t bytes = 1 + draw_below(random_pool_draws, RANDOM_POOL_MAX_BYTES);
+        block = checked(std::malloc(bytes), "malloc", bytes);
+        touch_first(block);
+    }
+}
+
+// One step replaces one block, chosen at random, by a block of a random size.
+void random_pool_steps(uint64_t steps) {
+    for (uint64_t i = 0; i < steps; ++i) {
+        void*& block = random_pool[draw_below(random_pool_draws, RANDOM_POOL_BLOCKS)];
+        std::free(block);
+        uint64_t bytes = 1 + draw_below(random_pool_draws, RANDOM_POOL_MAX_BYTES);
+        block = checked(std::malloc(bytes), "malloc", bytes);
+        touch_first(block);
+    }
+}
+
+void random_pool_tear_down() {
+    for (void*& block : random_pool) std::free(block);
+}
+
+}  // namespace workload

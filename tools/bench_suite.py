@@ -1,0 +1,434 @@
+#!/usr/bin/env python3
+"""Runs TarnHeap's benchmark suite and writes every measurement to <out>/results.json.
+
+Phases, each with a progress line on standard error:
+  linux     the workload driver under each Linux allocator (LD_PRELOAD), one process per
+            workload, allocators in round-robin order that rotates from one repetition to the next;
+  programs  Debian's own single-threaded programs running the jobs of bench/programs/ under each
+            allocator, their output compared with the plain run's;
+  windows   the two Windows drivers (TARNHEAP.dll, the C runtime's heap) under Wine;
+  callgrind the heap's own instructions per operation: the driver's calls into the allocator's
+            library, counted by callgrind at two iteration counts, their difference divided by
+            the difference in operations (start-up and one-off costs cancel out);
+  hot path  the same for TarnHeap's malloc and free alone, with the per-instruction profile.
+
+tools/bench.sh builds what this needs and renders the report; run this directly only to
+measure builds of your own (--linux-build, --windows-build).
+"""
+
+import argparse
+import json
+import os
+import platform
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+import bench_callgrind  # noqa: E402
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+LIBRARIES = "/usr/lib/x86_64-linux-gnu"
+PEERS = [
+    ("glibc", None),
+    ("mimalloc", LIBRARIES + "/libmimalloc.so.2"),
+    ("jemalloc", LIBRARIES + "/libjemalloc.so.2"),
+    ("tcmalloc", LIBRARIES + "/libtcmalloc_minimal.so.4"),
+]
+HEAP = "tarnheap"
+
+# Each real program: its command ({jobs} is bench/programs, {scale} the job's size), the file
+# it reads on standard input, and its scale in full and quick runs (about 1 s and 0.25 s).
+PROGRAMS = [
+    ("gawk", ["gawk", "-v", "scale={scale}", "-f", "{jobs}/wordfreq.awk"], None, 15, 4),
+    ("lua5.4", ["lua5.4", "{jobs}/tables.lua", "{scale}"], None, 150, 40),
+    ("perl", ["perl", "{jobs}/hashes.pl", "{scale}"], None, 60, 15),
+    ("sqlite3", ["sqlite3", "-cmd", ".parameter set @rows {scale}", ":memory:"],
+     "queries.sql", 100000, 25000),
+    ("python3", ["/usr/bin/python3", "{jobs}/objects.py", "{scale}"], None, 100, 25),
+]
+
+# Callgrind runs at scale s and 2s of each workload's full step count, no time cap, no warm-up.
+CALLGRIND_SCALE = 0.002
+# calloc_mix never runs fewer than its minimum of steps: a larger scale keeps the two runs apart.
+CALLGRIND_SCALE_OVERRIDES = {"calloc_mix": 0.02}
+HOT_PATH_WORKLOADS = ["pairs_16", "pairs_64", "pairs_256", "calloc_256"]
+RUN_TIMEOUT = 300
+
+
+class Progress:
+    """One line on standard error, rewritten in place on a terminal."""
+
+    def __init__(self):
+        self.tty = sys.stderr.isatty()
+        self.last = 0.0
+
+    def show(self, phase, done, total, what):
+        now = time.monotonic()
+        if not self.tty and done != total and now - self.last < 5:
+            return
+        self.last = now
+        line = f"[bench] {phase} {done}/{total} {what}"
+        if self.tty:
+            sys.stderr.write("\r\033[K" + line[:150])
+            if done == total:
+                sys.stderr.write("\n")
+        else:
+            sys.stderr.write(line + "\n")
+        sys.stderr.flush()
+
+
+def rotated(items, shift):
+    shift %= len(items)
+    return items[shift:] + items[:shift]
+
+
+def clean_environment():
+    env = dict(os.environ)
+    env.pop("LD_PRELOAD", None)
+    return env
+
+
+def run_measured(command, preload=None, settings=None, stdin_path=None):
+    """Runs a command under /usr/bin/time, with LD_PRELOAD and other settings in its own
+    environment only; returns (exit status, stdout, stderr, elapsed seconds, processor seconds,
+    peak RSS in KiB).
+
+    The peak comes from `time`, a small process that forks the command (a child forked from
+    this Python process would count Python's pages in its peak); the processor time (user and
+    system, of `time` and the command it waited for) from wait4."""
+    assignments = [f"LD_PRELOAD={preload}"] if preload else []
+    assignments += [f"{name}={value}" for name, value in (settings or {}).items()]
+    with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err, \
+            tempfile.NamedTemporaryFile(mode="r") as peak:
+        stdin = open(stdin_path, "rb") if stdin_path else subprocess.DEVNULL
+        start = time.perf_counter()
+        process = subprocess.Popen(
+            ["/usr/bin/time", "-f", "%M", "-o", peak.name] +
+            (["env"] + assignments if assignments else []) + command,
+            env=clean_environment(), stdin=stdin, stdout=out, stderr=err)
+        watchdog = threading.Timer(RUN_TIMEOUT, process.kill)
+        watchdog.start()
+        _, status, usage = os.wait4(process.pid, 0)
+        seconds = time.perf_counter() - start
+        watchdog.cancel()
+        process.returncode = os.waitstatus_to_exitcode(status)
+        if stdin_path:
+            stdin.close()
+        peak_lines = peak.read().split()
+        out.seek(0)
+        err.seek(0)
+        return (process.returncode, out.read().decode(errors="replace"),
+                err.read().decode(errors="replace"), seconds, usage.ru_utime + usage.ru_stime,
+                int(peak_lines[-1]) if peak_lines and peak_lines[-1].isdigit() else 0)
+
+
+def parse_driver_line(text, workload):
+    for line in text.splitlines():
+        fields = line.split()
+        if len(fields) == 5 and fields[0] == workload:
+            return {"ns": float(fields[1]), "ops": int(fields[2]), "rss_kib": int(fields[3]),
+                    "cpu_ns": float(fields[4])}
+    return None
+
+
+def driver_runs(phase, progress, workloads, allocators, reps, command_for):
+    """Every workload under every allocator, `reps` times, round-robin."""
+    runs, errors = [], []
+    total = reps * len(workloads) * len(allocators)
+    done = 0
+    for rep in range(reps):
+        for index, workload in enumerate(workloads):
+            for name in rotated([a for a, _ in allocators], rep + index):
+                progress.show(phase, done, total, f"rep {rep + 1}/{reps} {workload} {name}")
+                command, preload = command_for(dict(allocators)[name], workload)
+                status, out, err, _, _, _ = run_measured(command, preload)
+                result = parse_driver_line(out, workload) if status == 0 else None
+                if result is None:
+                    errors.append(f"{phase}: {workload} under {name} failed (exit {status}): "
+                                  f"{(err or out).strip()[:300]}")
+                else:
+                    runs.append(dict(result, workload=workload, allocator=name, rep=rep))
+                done += 1
+    progress.show(phase, total, total, "done")
+    return runs, errors
+
+
+def linux_phase(args, progress, workloads, allocators):
+    driver = os.path.join(args.linux_build, "bench", "workload_driver")
+    mode = ["--quick"] if args.quick else []
+
+    def command_for(preload, workload):
+        return [driver] + mode + [workload], preload
+
+    return driver_runs("linux", progress, workloads, allocators, args.reps, command_for)
+
+
+def windows_phase(args, progress, workloads):
+    wine_run = os.path.join(args.windows_build, "wine-run")
+    executables = [("msvcrt", "workload_driver_msvcrt.exe"),
+                   (HEAP, "workload_driver_tarnheap.exe")]
+    for _, exe in executables:
+        if not os.path.exists(os.path.join(args.windows_build, "bin", exe)):
+            return {"skipped": f"{exe} is not built in {args.windows_build}"}
+    mode = ["--quick"] if args.quick else []
+
+    def command_for(exe, workload):
+        return [wine_run, os.path.join(args.windows_build, "bin", exe)] + mode + [workload], None
+
+    runs, errors = driver_runs("windows", progress, workloads, executables, args.reps,
+                               command_for)
+    return {"runs": runs, "errors": errors}
+
+
+def program_command(program, scale):
+    _, template, stdin_name, _, _ = program
+    jobs = os.path.join(ROOT, "bench", "programs")
+    command = [part.format(jobs=jobs, scale=scale) for part in template]
+    stdin_path = os.path.join(jobs, stdin_name) if stdin_name else None
+    return command, stdin_path
+
+
+def count_program_requests(args, program, scale):
+    """Allocation calls of one plain run, through the size recorder."""
+    recorder = os.path.join(args.linux_build, "bench", "size_recorder.so")
+    if not os.path.exists(recorder):
+        return None
+    command, stdin_path = program_command(program, scale)
+    with tempfile.NamedTemporaryFile(mode="r") as counts:
+        run_measured(command, recorder, {"SIZE_RECORDER_OUT": counts.name}, stdin_path)
+        calls = 0
+        for line in counts:
+            fields = line.split()
+            if len(fields) == 3:
+                calls += int(fields[2])
+        return calls
+
+
+def programs_phase(args, progress, allocators):
+    available = [p for p in PROGRAMS if shutil.which(p[1][0])]
+    missing = [p[0] for p in PROGRAMS if p not in available]
+    runs, errors, requests, reference = [], [], {}, {}
+    for program in available:
+        scale = program[4] if args.quick else program[3]
+        command, stdin_path = program_command(program, scale)
+        status, out, err, _, _, _ = run_measured(command, stdin_path=stdin_path)
+        if status != 0:
+            errors.append(f"programs: plain {program[0]} failed (exit {status}): {err[:300]}")
+            continue
+        reference[program[0]] = out
+        requests[program[0]] = count_program_requests(args, program, scale)
+    total = args.reps * len(reference) * len(allocators)
+    done = 0
+    for rep in range(args.reps):
+        for index, program in enumerate(p for p in available if p[0] in reference):
+            scale = program[4] if args.quick else program[3]
+            command, stdin_path = program_command(program, scale)
+            for name in rotated([a for a, _ in allocators], rep + index):
+                progress.show("programs", done, total, f"rep {rep + 1}/{args.reps} "
+                              f"{program[0]} {name}")
+                status, out, err, seconds, cpu_seconds, rss = run_measured(
+                    command, dict(allocators)[name], stdin_path=stdin_path)
+                run = {"program": program[0], "allocator": name, "rep": rep,
+                       "seconds": seconds, "cpu_seconds": cpu_seconds, "rss_kib": rss}
+                if status != 0:
+                    run["error"] = f"exit {status}: {err.strip()[:200]}"
+                elif out != reference[program[0]]:
+                    run["error"] = "output differs from the plain run's"
+                if "error" in run:
+                    errors.append(f"programs: {program[0]} under {name}: {run['error']}")
+                runs.append(run)
+                done += 1
+    progress.show("programs", total, total, "done")
+    return {"runs": runs, "errors": errors, "requests": requests, "missing": missing,
+            "scales": {p[0]: (p[4] if args.quick else p[3]) for p in available}}
+
+
+def callgrind_run(driver, preload, workload, scale, out_file):
+    command = ["valgrind", "--tool=callgrind", "--dump-instr=yes",
+               f"--callgrind-out-file={out_file}", driver, "--scale", str(scale),
+               "--max-seconds", "0", "--no-warm-up", workload]
+    status, out, err, _, _, _ = run_measured(command, preload)
+    result = parse_driver_line(out, workload) if status == 0 else None
+    if result is None or not os.path.exists(out_file):
+        return None, f"exit {status}: {err.strip()[-300:]}"
+    return result["ops"], None
+
+
+def differential(driver, preload, workload, scale, directory, tag):
+    """Library instructions per operation and per callee call, from runs at scale and 2 × scale."""
+    samples = []
+    for factor in (1, 2):
+        out_file = os.path.join(directory, f"{workload}.{tag}.{factor}.callgrind")
+        ops, error = callgrind_run(driver, preload, workload, scale * factor, out_file)
+        if error:
+            return None, error
+        samples.append((ops, bench_callgrind.outgoing_calls(out_file, "workload_driver"),
+                        out_file))
+    (ops1, calls1, _), (ops2, calls2, last_file) = samples
+    if ops2 <= ops1:
+        return None, "the two runs counted the same operations"
+    total = (sum(v[1] for v in calls2.values()) - sum(v[1] for v in calls1.values()))
+    callees = {}
+    for name, (count2, cost2) in calls2.items():
+        count1, cost1 = calls1.get(name, (0, 0))
+        if count2 > count1:
+            callees[name] = {"calls_per_op": (count2 - count1) / (ops2 - ops1),
+                             "ir_per_call": (cost2 - cost1) / (count2 - count1)}
+    return {"per_op": total / (ops2 - ops1), "callees": callees, "file": last_file}, None
+
+
+def callgrind_phase(args, progress, workloads, allocators, profile_directory):
+    driver = os.path.join(args.linux_build, "bench", "workload_driver")
+    results, errors = {}, []
+    total = len(workloads) * len(allocators)
+    done = 0
+    with tempfile.TemporaryDirectory() as scratch:
+        for workload in workloads:
+            scale = CALLGRIND_SCALE_OVERRIDES.get(workload, CALLGRIND_SCALE)
+            for name, preload in allocators:
+                progress.show("callgrind", done, total, f"{workload} {name}")
+                keep = name == HEAP and workload in HOT_PATH_WORKLOADS
+                directory = profile_directory if keep else scratch
+                result, error = differential(driver, preload, workload, scale, directory, name)
+                if error:
+                    errors.append(f"callgrind: {workload} under {name}: {error}")
+                else:
+                    if not keep:
+                        result.pop("file")
+                    results.setdefault(workload, {})[name] = result
+                done += 1
+    progress.show("callgrind", total, total, "done")
+    return results, errors
+
+
+def disassembly(library, functions):
+    """{function: [(address, instruction text)]} from objdump."""
+    try:
+        text = subprocess.run(["objdump", "-d", "--no-show-raw-insn", library],
+                              capture_output=True, text=True, check=True).stdout
+    except (OSError, subprocess.CalledProcessError):
+        return {}
+    listing, current = {}, None
+    for line in text.splitlines():
+        if line.endswith(">:"):
+            name = line.split("<", 1)[1][:-2]
+            current = name if name in functions else None
+            if current:
+                listing[current] = []
+        elif current and ":\t" in line:
+            address, instruction = line.split(":\t", 1)
+            listing[current].append((int(address.strip(), 16), instruction.strip()))
+    return listing
+
+
+def hot_path_phase(args, callgrind, profile_directory):
+    """Per-call instructions of TarnHeap's own malloc, calloc and free in the pairs workloads,
+    and an annotated listing of each path: how often each instruction ran per call."""
+    library = os.path.join(args.linux_build, "src", "libtarnheap.so")
+    listing = disassembly(library, {"malloc", "calloc", "free"})
+    hot = {}
+    for workload in HOT_PATH_WORKLOADS:
+        result = callgrind.get(workload, {}).get(HEAP)
+        if not result or "file" not in result:
+            continue
+        hot[workload] = {name: value for name, value in result["callees"].items()
+                         if name in ("malloc", "calloc", "free")}
+        counts = bench_callgrind.instruction_costs(result["file"], "libtarnheap",
+                                                   set(hot[workload]))
+        annotated = os.path.join(profile_directory, f"{workload}.tarnheap.hot_path.txt")
+        with open(annotated, "w") as out:
+            for function, per_call in hot[workload].items():
+                costs = counts.get(function, {})
+                instructions = listing.get(function, [])
+                # The entry instruction runs once per call.
+                calls = costs.get(instructions[0][0], 0) if instructions else 0
+                out.write(f"{function}: {per_call['ir_per_call']:.1f} instructions per call "
+                          f"(inclusive, steady state); executions per call:\n")
+                for address, instruction in instructions:
+                    share = costs.get(address, 0) / calls if calls else 0
+                    mark = f"{share:5.2f}" if share >= 0.005 else "     "
+                    out.write(f"  {mark}  {address:6x}  {instruction}\n")
+                out.write("\n")
+        hot[workload]["listing"] = os.path.relpath(annotated, args.out)
+        annotate = os.path.join(profile_directory, f"{workload}.tarnheap.annotate.txt")
+        with open(annotate, "w") as out:
+            subprocess.run(["callgrind_annotate", "--inclusive=yes", "--auto=yes",
+                            f"--include={ROOT}/src", result["file"]],
+                           stdout=out, stderr=subprocess.DEVNULL, check=False)
+        result.pop("file")
+    return hot
+
+
+def machine_description():
+    model = ""
+    try:
+        with open("/proc/cpuinfo") as cpuinfo:
+            for line in cpuinfo:
+                if line.startswith("model name"):
+                    model = line.split(":", 1)[1].strip()
+                    break
+    except OSError:
+        pass
+    return {"processor": model, "cores": os.cpu_count(), "kernel": platform.release(),
+            "date": time.strftime("%Y-%m-%d %H:%M %Z")}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--quick", action="store_true", help="short runs, three repetitions")
+    parser.add_argument("--reps", type=int, help="repetitions (default 5, quick 3)")
+    parser.add_argument("--linux-build", default=os.path.join(ROOT, "build", "linux"))
+    parser.add_argument("--windows-build", default=os.path.join(ROOT, "build", "windows"))
+    parser.add_argument("--no-windows", action="store_true")
+    parser.add_argument("--out", default=os.path.join(ROOT, "build", "bench"))
+    args = parser.parse_args()
+    args.reps = args.reps or (3 if args.quick else 5)
+    os.makedirs(args.out, exist_ok=True)
+    profile_directory = os.path.join(args.out, "profile")
+    os.makedirs(profile_directory, exist_ok=True)
+
+    driver = os.path.join(args.linux_build, "bench", "workload_driver")
+    library = os.path.join(args.linux_build, "src", "libtarnheap.so")
+    listing = subprocess.run([driver, "--list"], capture_output=True, text=True, check=True)
+    workloads = [(line.split(None, 1) + [""])[:2] for line in listing.stdout.splitlines()]
+    names = [name for name, _ in workloads]
+    allocators = [(name, path) for name, path in PEERS if path is None or os.path.exists(path)]
+    allocators.append((HEAP, library))
+    missing_peers = [name for name, path in PEERS if (name, path) not in allocators]
+
+    progress = Progress()
+    started = time.monotonic()
+    linux_runs, linux_errors = linux_phase(args, progress, names, allocators)
+    programs = programs_phase(args, progress, allocators)
+    windows = ({"skipped": "--no-windows"} if args.no_windows
+               else windows_phase(args, progress, names))
+    callgrind, callgrind_errors = callgrind_phase(args, progress, names, allocators,
+                                                  profile_directory)
+    hot_path = hot_path_phase(args, callgrind, profile_directory)
+
+    results = {
+        "mode": "quick" if args.quick else "full",
+        "reps": args.reps,
+        "machine": machine_description(),
+        "minutes": (time.monotonic() - started) / 60,
+        "workloads": workloads,
+        "allocators": [name for name, _ in allocators],
+        "missing_peers": missing_peers,
+        "linux": {"runs": linux_runs, "errors": linux_errors},
+        "programs": programs,
+        "windows": windows,
+        "callgrind": {"results": callgrind, "errors": callgrind_errors,
+                      "scale": CALLGRIND_SCALE, "overrides": CALLGRIND_SCALE_OVERRIDES},
+        "hot_path": hot_path,
+    }
+    with open(os.path.join(args.out, "results.json"), "w") as out:
+        json.dump(results, out, indent=1)
+    print(os.path.join(args.out, "results.json"))
+
+
+if __name__ == "__main__":
+    main()
