@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/processor.h"
 #include "runs/run_finder_table.h"
 #include "runs/tier_tables.h"
 #include "support/reference_run_search.h"

@@ -27,4 +27,11 @@ inline void read_processor_vendor(char vendor[12]) {
 
 inline uint64_t read_timestamp_counter() { return __rdtsc(); }
 
+// CPUID leaf 1, ECX bit 23: whether the bit-run finders may use the POPCNT instruction, which
+// the x86-64 baseline lacks.
+inline bool processor_has_popcnt() {
+    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+    return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_POPCNT) != 0;
+}
+
 }  // namespace tarnheap

@@ -1,15 +1,9 @@
 // Picks each tier's member for the finder table; called at initialisation only.
-#include <cpuid.h>
-
+#include "platform/processor.h"
 #include "runs/run_finder_table.h"
 #include "runs/tier_tables.h"
 
 namespace tarnheap {
-
-bool processor_has_popcnt() {
-    unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-    return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_POPCNT) != 0;
-}
 
 run_finder tier_member(unsigned tier, unsigned j) {
     switch (tier) {

@@ -18,7 +18,4 @@ run_finder word_run_member(unsigned j);
 // Runs of k 512-bit blocks, k = 8 .. 64: thin entries to block_run_finder.
 run_finder block_run_member(unsigned k);
 
-// CPUID leaf 1, ECX bit 23.
-bool processor_has_popcnt();
-
 }  // namespace tarnheap
