@@ -28,20 +28,17 @@ TEST_P(small_class_capacity, matches_the_worked_values) {
 }
 
 constexpr uint32_t LAST_R = SMALL_GAP_STEPS - 1;
-INSTANTIATE_TEST_SUITE_P(both_ends_of_the_gap, small_class_capacity,
-                         ::testing::Values(worked_capacity{0, 0, 32537600},
-                                           worked_capacity{0, LAST_R, 24403216},
-                                           worked_capacity{3, 0, 8323572},
-                                           worked_capacity{3, LAST_R, 6242684},
-                                           worked_capacity{15, 0, 2093061},
-                                           worked_capacity{15, LAST_R, 1569797},
-                                           worked_capacity{16, 0, 1675102},
-                                           worked_capacity{16, LAST_R, 1256328},
-                                           worked_capacity{27, 0, 524031},
-                                           worked_capacity{27, LAST_R, 393024}));
+INSTANTIATE_TEST_SUITE_P(
+    both_ends_of_the_gap, small_class_capacity,
+    ::testing::Values(worked_capacity{0, 0, 32537600}, worked_capacity{0, LAST_R, 24403216},
+                      worked_capacity{3, 0, 8323572}, worked_capacity{3, LAST_R, 6242684},
+                      worked_capacity{15, 0, 2093061}, worked_capacity{15, LAST_R, 1569797},
+                      worked_capacity{16, 0, 1675102}, worked_capacity{16, LAST_R, 1256328},
+                      worked_capacity{27, 0, 524031}, worked_capacity{27, LAST_R, 393024}));
 
 uint64_t segment_end(const small_class_plan& plan, uint32_t block_size) {
-    return uint64_t{plan.gap_bytes} + 64 + plan.bitmap_bytes + 64 + uint64_t{plan.capacity} * block_size;
+    return uint64_t{plan.gap_bytes} + 64 + plan.bitmap_bytes + 64 +
+           uint64_t{plan.capacity} * block_size;
 }
 
 TEST(small_class_layout, fills_its_segment_as_far_as_whole_blocks_and_bitmap_allow) {
@@ -113,7 +110,7 @@ TEST_F(initialisation, the_warm_up_claims_the_lowest_groups) {
 
 // The two failures leave the heap to the C runtime for good, without a word.
 class failed_initialisation : public fresh_heap {
-protected:
+  protected:
     void expect_the_fallback_serves_everything() {
         ::testing::internal::CaptureStderr();
         void* block = tarnheap_malloc(100);

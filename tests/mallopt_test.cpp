@@ -10,7 +10,8 @@ namespace tarnheap::testing {
 namespace {
 
 int class_of(const void* block) {
-    return static_cast<int>((reinterpret_cast<uint64_t>(block) & REGION_OFFSET_MASK) >> SEGMENT_SHIFT);
+    return static_cast<int>((reinterpret_cast<uint64_t>(block) & REGION_OFFSET_MASK) >>
+                            SEGMENT_SHIFT);
 }
 
 class routing : public fresh_heap {};

@@ -13,14 +13,18 @@ constexpr uint64_t SPOT = 0x7e0000000000;
 constexpr uint64_t SIZE = 0x400000;
 constexpr uint32_t ERROR_INVALID_ADDRESS = 487;
 
-void* at(uint64_t address) { return reinterpret_cast<void*>(address); }
+void* at(uint64_t address) {
+    return reinterpret_cast<void*>(address);
+}
 void* reserve(uint64_t address, uint64_t size) {
     return platform_virtual_alloc(at(address), size, MEMORY_RESERVE, PAGE_READ_WRITE);
 }
 void* commit(uint64_t address, uint64_t size) {
     return platform_virtual_alloc(at(address), size, MEMORY_COMMIT, PAGE_READ_WRITE);
 }
-bool release(uint64_t address) { return platform_virtual_free(at(address), 0, MEMORY_RELEASE); }
+bool release(uint64_t address) {
+    return platform_virtual_free(at(address), 0, MEMORY_RELEASE);
+}
 
 TEST(platform_memory, a_reservation_lands_exactly_where_asked_or_fails) {
     ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));

@@ -25,7 +25,7 @@ void fill(void* block, size_t size, unsigned seed) {
 }
 
 class resize : public fresh_heap {
-protected:
+  protected:
     void SetUp() override {
         fresh_heap::SetUp();
         start_heap();
@@ -52,16 +52,21 @@ TEST_F(resize, to_nothing_releases_the_block_and_reports_enomem) {
 
 TEST_F(resize, a_small_block_stays_while_the_size_fits_its_class) {
     void* block = tarnheap_malloc(100);  // 112-byte class
-    for (size_t size : {1u, 50u, 100u, 112u}) EXPECT_EQ(tarnheap_realloc(block, size), block) << size;
+    for (size_t size : {1u, 50u, 100u, 112u})
+        EXPECT_EQ(tarnheap_realloc(block, size), block) << size;
 }
 
 TEST_F(resize, a_small_block_moves_with_all_of_its_bytes_and_is_reused_first) {
     for (size_t old_size : {4u, 8u, 24u, 60u, 64u, 100u, 128u, 176u, 192u, 200u, 256u}) {
         void* block = tarnheap_malloc(old_size);
         fill(block, old_size, static_cast<unsigned>(old_size));
-        uint64_t whole = 4 * uint64_t{heap_state.small_class_head[(reinterpret_cast<uint64_t>(block) &
-                                                                  REGION_OFFSET_MASK) >> SEGMENT_SHIFT]
-                                          .units};
+        uint64_t whole =
+            4 *
+            uint64_t{
+                heap_state
+                    .small_class_head[(reinterpret_cast<uint64_t>(block) & REGION_OFFSET_MASK) >>
+                                      SEGMENT_SHIFT]
+                    .units};
         fill(block, whole, static_cast<unsigned>(old_size));
         void* moved = tarnheap_realloc(block, whole + 1);
         ASSERT_NE(moved, block) << old_size;

@@ -1,9 +1,9 @@
 // Small blocks end to end through the public entry points, checked against the state record.
 #include <cctype>
 #include <cerrno>
-#include <string>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "platform/platform.h"
@@ -28,9 +28,9 @@ struct size_and_class {
 };
 
 TEST_F(small_blocks, each_size_lands_in_its_class) {
-    const size_and_class cases[] = {{1, 0},   {4, 0},   {5, 1},    {8, 1},    {9, 3},    {16, 3},
-                                    {17, 7},  {32, 7},  {33, 11},  {48, 11},  {49, 15},  {64, 15},
-                                    {65, 16}, {80, 16}, {81, 17},  {112, 18}, {241, 27}, {256, 27}};
+    const size_and_class cases[] = {{1, 0},   {4, 0},   {5, 1},   {8, 1},    {9, 3},    {16, 3},
+                                    {17, 7},  {32, 7},  {33, 11}, {48, 11},  {49, 15},  {64, 15},
+                                    {65, 16}, {80, 16}, {81, 17}, {112, 18}, {241, 27}, {256, 27}};
     for (const auto& c : cases) {
         void* block = tarnheap_malloc(c.size);
         EXPECT_EQ(class_of(block), c.small_class) << c.size << " bytes";
@@ -119,7 +119,8 @@ TEST_F(small_blocks, a_full_stack_is_flushed_by_the_release_that_finds_it_full) 
 
 TEST_F(small_blocks, calloc_zeroes_and_picks_its_own_classes) {
     tarnheap_mallopt(TARNHEAP_M_ROUTING, TARNHEAP_ROUTING_FINE);
-    const size_and_class cases[] = {{1, 3}, {16, 3}, {17, 7}, {33, 11}, {64, 15}, {65, 16}, {256, 27}};
+    const size_and_class cases[] = {{1, 3},   {16, 3},  {17, 7},  {33, 11},
+                                    {64, 15}, {65, 16}, {256, 27}};
     for (const auto& c : cases) {
         // Dirty a block of the class first, so that zeroing is observable on reuse.
         void* dirty = tarnheap_malloc(c.size < 5 ? 16 : c.size);

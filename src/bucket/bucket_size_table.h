@@ -16,8 +16,8 @@ struct bucket_sizes {
 
 inline constexpr bucket_sizes BUCKET_SIZE_TABLE = [] {
     bucket_sizes table{};
-    constexpr uint32_t upper[] = {2816, 2944, 3072, 3200, 3328, 3520, 3712, 3904,
-                                  4096, 4416, 4672, 4992, 5376, 5888, 6400, 7040,
+    constexpr uint32_t upper[] = {2816, 2944, 3072,  3200,  3328,  3520,  3712,  3904,
+                                  4096, 4416, 4672,  4992,  5376,  5888,  6400,  7040,
                                   7808, 8832, 10048, 11776, 14080, 17664, 23552, 35328};
     table.bytes[0] = 64;
     for (unsigned c = 1; c <= 42; ++c) table.bytes[c] = 64 * c;

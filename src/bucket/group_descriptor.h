@@ -12,14 +12,15 @@ union group_descriptor_record;
 
 // A group divided into equal units of one bucket class.
 struct bucket_group_view {
-    uint32_t run_groups;       // 1
-    uint32_t prev_group;       // neighbours in the class list, 0 at the ends
+    uint32_t run_groups;  // 1
+    uint32_t prev_group;  // neighbours in the class list, 0 at the ends
     uint32_t next_group;
-    uint32_t size_reciprocal;  // floor(2^32 / unit_size): offsets become unit indices without a division
-    uint16_t unit_size;        // never 0 in this view
+    uint32_t
+        size_reciprocal;  // floor(2^32 / unit_size): offsets become unit indices without a division
+    uint16_t unit_size;   // never 0 in this view
     uint16_t free_units;
     uint16_t unit_count;
-    uint8_t detached;          // taken off the class list because it was full
+    uint8_t detached;  // taken off the class list because it was full
     uint8_t class_index;
     uint64_t group_base;
     uint64_t unit_bitmap[UNIT_BITMAP_WORDS];

@@ -24,7 +24,9 @@ namespace {
 // Each piece carries a 16-byte header holding its size, which resize reads back.
 constexpr uint64_t BOOTSTRAP_HEADER = 16;
 
-void* as_pointer(uint64_t address) { return reinterpret_cast<void*>(address); }
+void* as_pointer(uint64_t address) {
+    return reinterpret_cast<void*>(address);
+}
 
 void* calloc_small(uint64_t total) {
     unsigned small_class = CALLOC_CLASS_TABLE.small_class[total >> 4];
@@ -89,7 +91,9 @@ TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
     }
 }
 
-TARNHEAP_COLD void* malloc_slow(uint64_t size) { return allocate_block(size, MODE_MALLOC); }
+TARNHEAP_COLD void* malloc_slow(uint64_t size) {
+    return allocate_block(size, MODE_MALLOC);
+}
 
 TARNHEAP_COLD void* calloc_slow(uint64_t count, uint64_t size) {
     // The product wraps unchecked, as in calloc itself: the wrapped total is what is served.

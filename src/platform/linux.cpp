@@ -31,7 +31,9 @@ struct reservation {
 constinit reservation reservations[RESERVATION_SLOTS]{};
 constinit uint32_t last_error = 0;
 
-uint64_t round_up(uint64_t value, uint64_t unit) { return (value + unit - 1) & ~(unit - 1); }
+uint64_t round_up(uint64_t value, uint64_t unit) {
+    return (value + unit - 1) & ~(unit - 1);
+}
 
 void* fail(uint32_t error) {
     last_error = error;
@@ -72,7 +74,8 @@ void* reserve_anywhere(uint64_t size) {
     uint64_t raw = reinterpret_cast<uint64_t>(got);
     uint64_t base = round_up(raw, ALLOCATION_GRANULARITY);
     if (base > raw) munmap(got, base - raw);
-    if (raw + padded > base + size) munmap(reinterpret_cast<void*>(base + size), raw + padded - base - size);
+    if (raw + padded > base + size)
+        munmap(reinterpret_cast<void*>(base + size), raw + padded - base - size);
     return reinterpret_cast<void*>(base);
 }
 
@@ -124,7 +127,9 @@ bool platform_virtual_free(void* address, uint64_t size, uint32_t type) {
     return fail(ERROR_INVALID_ADDRESS) != nullptr;
 }
 
-uint32_t platform_last_error() { return last_error; }
+uint32_t platform_last_error() {
+    return last_error;
+}
 
 void print_to_standard_error(const char* format, va_list arguments) {
     std::vfprintf(stderr, format, arguments);
@@ -139,7 +144,8 @@ void load_fallbacks() {
     } else {
         // This library's own names shadow the C library's: take the next ones in search order.
         heap_state.fallback_free = reinterpret_cast<void (*)(void*)>(dlsym(RTLD_NEXT, "free"));
-        heap_state.fallback_malloc = reinterpret_cast<void* (*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
+        heap_state.fallback_malloc =
+            reinterpret_cast<void* (*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
         heap_state.fallback_calloc =
             reinterpret_cast<void* (*)(size_t, size_t)>(dlsym(RTLD_NEXT, "calloc"));
         heap_state.fallback_realloc =

@@ -16,7 +16,9 @@ uint32_t store_argument(void* context, void** word) {
     return 0;
 }
 
-uint32_t no_op(void*) { return 0; }
+uint32_t no_op(void*) {
+    return 0;
+}
 
 uint32_t reserve(void* context, uint64_t size, uint64_t, uint64_t* address) {
     auto* params = static_cast<os_memory_params_record*>(context);
@@ -29,7 +31,8 @@ uint32_t reserve(void* context, uint64_t size, uint64_t, uint64_t* address) {
 
 // The size is not passed on: a release always gives up the whole reservation.
 uint32_t release(void*, uint64_t address, uint64_t) {
-    return os_virtual_free(reinterpret_cast<void*>(address), 0, MEMORY_RELEASE) ? 0 : RELEASE_FAILED;
+    return os_virtual_free(reinterpret_cast<void*>(address), 0, MEMORY_RELEASE) ? 0
+                                                                                : RELEASE_FAILED;
 }
 
 uint32_t zero_range(void*, uint64_t address, uint64_t length) {
@@ -37,12 +40,14 @@ uint32_t zero_range(void*, uint64_t address, uint64_t length) {
     return 0;
 }
 
-bool aligned(uint64_t address, uint64_t alignment) { return (address & (alignment - 1)) == 0; }
+bool aligned(uint64_t address, uint64_t alignment) {
+    return (address & (alignment - 1)) == 0;
+}
 
 }  // namespace
 
-constinit const os_memory_ops_record os_memory_ops{
-    nullptr, store_argument, no_op, reserve, release, zero_range, no_op, nullptr};
+constinit const os_memory_ops_record os_memory_ops{nullptr, store_argument, no_op, reserve,
+                                                   release, zero_range,     no_op, nullptr};
 
 constinit os_memory_params_record os_memory_params{PAGE_READ_WRITE, MEMORY_RESERVE};
 

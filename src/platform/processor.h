@@ -25,7 +25,9 @@ inline void read_processor_vendor(char vendor[12]) {
     }
 }
 
-inline uint64_t read_timestamp_counter() { return __rdtsc(); }
+inline uint64_t read_timestamp_counter() {
+    return __rdtsc();
+}
 
 // CPUID leaf 1, ECX bit 23: whether the bit-run finders may use the POPCNT instruction, which
 // the x86-64 baseline lacks.

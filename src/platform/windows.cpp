@@ -7,7 +7,8 @@
 #include "state/heap_state.h"
 
 static_assert(tarnheap::MEMORY_COMMIT == MEM_COMMIT && tarnheap::MEMORY_RESERVE == MEM_RESERVE);
-static_assert(tarnheap::MEMORY_RELEASE == MEM_RELEASE && tarnheap::PAGE_READ_WRITE == PAGE_READWRITE);
+static_assert(tarnheap::MEMORY_RELEASE == MEM_RELEASE &&
+              tarnheap::PAGE_READ_WRITE == PAGE_READWRITE);
 
 namespace tarnheap {
 
@@ -19,7 +20,9 @@ bool platform_virtual_free(void* address, uint64_t size, uint32_t type) {
     return VirtualFree(address, size, type) != 0;
 }
 
-uint32_t platform_last_error() { return GetLastError(); }
+uint32_t platform_last_error() {
+    return GetLastError();
+}
 
 // msvcrt's own vfprintf: the toolchain's replacement would drag its static runtime into the DLL.
 void print_to_standard_error(const char* format, va_list arguments) {

@@ -14,9 +14,9 @@ namespace tarnheap {
 inline constexpr unsigned RUN_CLASS_COUNT = 253;
 
 struct run_search_state {
-    uint32_t cursor;           // lowest bit that may be free
-    uint32_t high_water;       // one past the highest claimed run
-    uint32_t peak_high_water;  // highest mark seen when a release lowered it
+    uint32_t cursor;                       // lowest bit that may be free
+    uint32_t high_water;                   // one past the highest claimed run
+    uint32_t peak_high_water;              // highest mark seen when a release lowered it
     uint32_t run_counts[RUN_CLASS_COUNT];  // live runs of class c at run_counts[c - 1]
 };
 static_assert(sizeof(run_search_state) == 256 * sizeof(uint32_t));

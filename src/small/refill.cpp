@@ -25,8 +25,8 @@ TARNHEAP_COLD uint64_t small_class_refill(unsigned small_class) {
         unsigned bit = static_cast<unsigned>(__builtin_ctzll(~bitmap[word]));
         bitmap[word] |= uint64_t{1} << bit;
         uint64_t block = uint64_t{word} * 64 + bit;
-        stack[slot] =
-            static_cast<uint32_t>((block * descriptor.block_size + first_offset) >> BLOCK_OFFSET_SHIFT);
+        stack[slot] = static_cast<uint32_t>((block * descriptor.block_size + first_offset) >>
+                                            BLOCK_OFFSET_SHIFT);
     }
     descriptor.remaining -= batch;
     // The last word may still hold clear bits: the next refill starts in it.

@@ -36,7 +36,8 @@ TARNHEAP_COLD void release_outside_small(uint64_t address) {
         return release_zeroed_block(address, zeroed_offset);
     // Bootstrap pieces are never reused.
     if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) return;
-    if (heap_state.fallback_free != nullptr) heap_state.fallback_free(reinterpret_cast<void*>(address));
+    if (heap_state.fallback_free != nullptr)
+        heap_state.fallback_free(reinterpret_cast<void*>(address));
 }
 
 namespace {
@@ -51,7 +52,9 @@ TARNHEAP_HOT void release_address(uint64_t address) {
 
 }  // namespace
 
-void release_block(uint64_t address) { release_address(address); }
+void release_block(uint64_t address) {
+    release_address(address);
+}
 
 }  // namespace tarnheap
 

@@ -26,7 +26,9 @@ void* out_of_memory() {
     return nullptr;
 }
 
-void* resize_allocate(uint64_t size) { return allocate_block(size, MODE_RESIZE); }
+void* resize_allocate(uint64_t size) {
+    return allocate_block(size, MODE_RESIZE);
+}
 
 void* resize_small(void* block, unsigned small_class, uint64_t size) {
     uint64_t old_size = 4 * uint64_t{heap_state.small_class_head[small_class].units};
@@ -45,7 +47,8 @@ uint64_t usable_size(uint64_t address) {
         if (descriptor->bucket.unit_size != 0) return descriptor->bucket.unit_size;
         // A descriptor that is neither a group nor a run means a block the heap does not own.
         if (descriptor->large.run_groups == 0) return 0;
-        return descriptor->large.run_groups * GROUP_BYTES - (address - descriptor->large.group_base);
+        return descriptor->large.run_groups * GROUP_BYTES -
+               (address - descriptor->large.group_base);
     }
     if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) {
         uint64_t piece;
@@ -54,7 +57,8 @@ uint64_t usable_size(uint64_t address) {
     }
     uint64_t zeroed_offset = address - heap_state.zeroed_region_base;
     if (heap_state.zeroed_region_base == 0 || zeroed_offset >= ZEROED_REGION_BYTES) return 0;
-    return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]} << ZEROED_SLOT_SHIFT;
+    return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]}
+           << ZEROED_SLOT_SHIFT;
 }
 
 bool stays_in_place(uint64_t old_size, uint64_t size) {

@@ -11,7 +11,8 @@
 namespace tarnheap {
 
 TARNHEAP_HOT uint64_t small_block_address(uint32_t segment_key, uint32_t block_offset) {
-    return (uint64_t{segment_key} << SEGMENT_KEY_SHIFT) + (uint64_t{block_offset} << BLOCK_OFFSET_SHIFT);
+    return (uint64_t{segment_key} << SEGMENT_KEY_SHIFT) +
+           (uint64_t{block_offset} << BLOCK_OFFSET_SHIFT);
 }
 
 // A class's head and stack, found once for the prefetch and the pop that follows it.
@@ -30,7 +31,8 @@ TARNHEAP_HOT small_stack stack_of(unsigned small_class) {
 // never faults.
 TARNHEAP_HOT void prefetch_next_block(const small_stack& stack, uint64_t size) {
     const uint32_t* below_top = stack.entries + int64_t{stack.head.depth} - 2;
-    auto* block = reinterpret_cast<const char*>(small_block_address(stack.head.segment_key, *below_top));
+    auto* block =
+        reinterpret_cast<const char*>(small_block_address(stack.head.segment_key, *below_top));
     __builtin_prefetch(block, 0, 1);
     if (size > 64) __builtin_prefetch(block + 64, 0, 1);
     if (size > 128) {

@@ -57,7 +57,9 @@ static_assert(routes_cover_their_steps(COARSE_ROUTES) && routes_cover_their_step
 static_assert(COARSE_ROUTES.route[2] == 3 && COARSE_ROUTES.route[8] == 11);
 
 // Classes of 65 to 256 bytes: (n + 15) / 16 + 11, a shift and an add.
-constexpr unsigned medium_small_class(uint64_t n) { return static_cast<unsigned>((n + 15) >> 4) + 11; }
+constexpr unsigned medium_small_class(uint64_t n) {
+    return static_cast<unsigned>((n + 15) >> 4) + 11;
+}
 static_assert(medium_small_class(65) == 16 && medium_small_class(80) == 16);
 static_assert(medium_small_class(241) == 27 && medium_small_class(256) == 27);
 

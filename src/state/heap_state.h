@@ -28,12 +28,12 @@ static_assert(sizeof(small_class_head_record) == 8);
 // What only refills and flushes touch.
 struct small_class_record {
     uint64_t first_block;
-    uint64_t* bitmap;          // one bit per block, set while handed out or stacked
-    uint32_t cursor;           // bitmap word where the next refill starts; none clear below
-    int32_t remaining;         // clear bits: blocks neither handed out nor stacked
+    uint64_t* bitmap;   // one bit per block, set while handed out or stacked
+    uint32_t cursor;    // bitmap word where the next refill starts; none clear below
+    int32_t remaining;  // clear bits: blocks neither handed out nor stacked
     uint32_t block_size;
     uint32_t capacity;
-    uint64_t uncommitted_base; // the segment base until the first refill commits it
+    uint64_t uncommitted_base;  // the segment base until the first refill commits it
 };
 
 struct bucket_class_entry {
@@ -94,7 +94,7 @@ struct heap_state_record {
     uint64_t cached_groups;
     group_descriptor_record* short_runs_first;  // age list of runs up to 1899 groups, oldest first
     group_descriptor_record* short_runs_last;
-    group_descriptor_record* long_runs_first;   // age list of longer runs
+    group_descriptor_record* long_runs_first;  // age list of longer runs
     group_descriptor_record* long_runs_last;
     uint8_t chunk_committed[COMMIT_CHUNK_COUNT];
 
@@ -107,6 +107,8 @@ struct heap_state_record {
 
 extern heap_state_record heap_state;
 
-inline uint64_t region_base() { return heap_state.bucket_area_base - BUCKET_AREA_OFFSET; }
+inline uint64_t region_base() {
+    return heap_state.bucket_area_base - BUCKET_AREA_OFFSET;
+}
 
 }  // namespace tarnheap

@@ -17,7 +17,9 @@ namespace {
 // the blocks.
 constexpr uint32_t SEGMENT_PAD = 64;
 
-uint32_t bitmap_bytes_for(uint32_t capacity) { return ((capacity + 511) >> 3) & ~uint32_t{63}; }
+uint32_t bitmap_bytes_for(uint32_t capacity) {
+    return ((capacity + 511) >> 3) & ~uint32_t{63};
+}
 
 void install_memory_ops() {
     heap_state.memory_ops_copy = os_memory_ops;

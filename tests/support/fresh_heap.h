@@ -14,7 +14,7 @@ void reset_heap();
 void start_heap();
 
 class fresh_heap : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { reset_heap(); }
     void TearDown() override { reset_heap(); }
 };

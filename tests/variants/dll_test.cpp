@@ -77,7 +77,8 @@ TEST(tarnheap_dll, exports_the_five_entry_points_and_imports_two_libraries) {
     ASSERT_NE(heap.module, nullptr);
     EXPECT_EQ(exported_names(heap.module),
               (std::set<std::string>{"calloc", "free", "malloc", "mallopt", "realloc"}));
-    EXPECT_EQ(imported_libraries(heap.module), (std::set<std::string>{"KERNEL32.DLL", "MSVCRT.DLL"}));
+    EXPECT_EQ(imported_libraries(heap.module),
+              (std::set<std::string>{"KERNEL32.DLL", "MSVCRT.DLL"}));
 }
 
 TEST(tarnheap_dll, serves_small_blocks_from_its_region) {
