@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "runs/run_finder_table.h"
 #include "runs/search_order.h"
@@ -69,19 +68,8 @@ int64_t fixed_block_finder(uint8_t* bitmap, uint64_t limit, run_search_state* st
     return block_run_finder(bitmap, limit, state, K * BLOCK_BITS, K);
 }
 
-constexpr unsigned FIRST_K = 8, MEMBERS = 57;
-
-struct block_run_members {
-    run_finder member[MEMBERS];
-};
-
-template <size_t... I>
-constexpr block_run_members make_block_run_members(std::index_sequence<I...>) {
-    return {{fixed_block_finder<FIRST_K + I>...}};
-}
-
-constexpr block_run_members BLOCK_RUN_MEMBERS =
-    make_block_run_members(std::make_index_sequence<MEMBERS>{});
+constexpr auto BLOCK_RUN_MEMBERS = tier_members<8, 57>(
+    [](auto k) -> run_finder { return fixed_block_finder<decltype(k)::value>; });
 
 }  // namespace
 
@@ -107,7 +95,7 @@ int64_t generic_block_finder(uint8_t* bitmap, uint64_t limit, uint64_t* length,
 }
 
 run_finder block_run_member(unsigned k) {
-    return BLOCK_RUN_MEMBERS.member[k - FIRST_K];
+    return BLOCK_RUN_MEMBERS[k];
 }
 
 }  // namespace tarnheap

@@ -2,7 +2,6 @@
 // bitmap; a popcount rejects spans without room, and a shift-or mask of the span's busy bits
 // gives the lowest start that fits.
 #include <algorithm>
-#include <utility>
 
 #include "runs/bitmap_access.h"
 #include "runs/search_order.h"
@@ -137,25 +136,15 @@ __attribute__((target("popcnt"))) int64_t bit_run_finder_popcnt(uint8_t* bitmap,
     return claim_bit_run<K>(bitmap, limit, state);
 }
 
-constexpr unsigned FIRST_K = 2, MEMBERS = 62;
-
-struct bit_run_members {
-    run_finder baseline[MEMBERS];
-    run_finder popcnt[MEMBERS];
-};
-
-template <size_t... I>
-constexpr bit_run_members make_bit_run_members(std::index_sequence<I...>) {
-    return {{bit_run_finder<FIRST_K + I>...}, {bit_run_finder_popcnt<FIRST_K + I>...}};
-}
-
-constexpr bit_run_members BIT_RUN_MEMBERS =
-    make_bit_run_members(std::make_index_sequence<MEMBERS>{});
+constexpr auto BASELINE_MEMBERS =
+    tier_members<2, 62>([](auto k) -> run_finder { return bit_run_finder<decltype(k)::value>; });
+constexpr auto POPCNT_MEMBERS = tier_members<2, 62>(
+    [](auto k) -> run_finder { return bit_run_finder_popcnt<decltype(k)::value>; });
 
 }  // namespace
 
 run_finder bit_run_member(unsigned k, bool use_popcnt) {
-    return (use_popcnt ? BIT_RUN_MEMBERS.popcnt : BIT_RUN_MEMBERS.baseline)[k - FIRST_K];
+    return use_popcnt ? POPCNT_MEMBERS[k] : BASELINE_MEMBERS[k];
 }
 
 }  // namespace tarnheap

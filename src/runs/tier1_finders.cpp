@@ -2,7 +2,6 @@
 // of j zero bytes must contain strides over the bitmap; a zero probe is verified downward.
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "runs/bitmap_access.h"
 #include "runs/search_order.h"
@@ -66,24 +65,13 @@ int64_t byte_run_finder(uint8_t* bitmap, uint64_t limit, run_search_state* state
     return claim_first_fit(state, start, LENGTH, LENGTH_CLASS, limit, byte_run_scan<J>{bitmap});
 }
 
-constexpr unsigned FIRST_J = 8, MEMBERS = 56;
-
-struct byte_run_members {
-    run_finder member[MEMBERS];
-};
-
-template <size_t... I>
-constexpr byte_run_members make_byte_run_members(std::index_sequence<I...>) {
-    return {{byte_run_finder<FIRST_J + I>...}};
-}
-
-constexpr byte_run_members BYTE_RUN_MEMBERS =
-    make_byte_run_members(std::make_index_sequence<MEMBERS>{});
+constexpr auto BYTE_RUN_MEMBERS =
+    tier_members<8, 56>([](auto j) -> run_finder { return byte_run_finder<decltype(j)::value>; });
 
 }  // namespace
 
 run_finder byte_run_member(unsigned j) {
-    return BYTE_RUN_MEMBERS.member[j - FIRST_J];
+    return BYTE_RUN_MEMBERS[j];
 }
 
 }  // namespace tarnheap

@@ -3,7 +3,6 @@
 // downward.
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "runs/bitmap_access.h"
 #include "runs/search_order.h"
@@ -59,24 +58,13 @@ int64_t word_run_finder(uint8_t* bitmap, uint64_t limit, run_search_state* state
                            word_run_scan<J>{bitmap, last_first_word});
 }
 
-constexpr unsigned FIRST_J = 8, MEMBERS = 56;
-
-struct word_run_members {
-    run_finder member[MEMBERS];
-};
-
-template <size_t... I>
-constexpr word_run_members make_word_run_members(std::index_sequence<I...>) {
-    return {{word_run_finder<FIRST_J + I>...}};
-}
-
-constexpr word_run_members WORD_RUN_MEMBERS =
-    make_word_run_members(std::make_index_sequence<MEMBERS>{});
+constexpr auto WORD_RUN_MEMBERS =
+    tier_members<8, 56>([](auto j) -> run_finder { return word_run_finder<decltype(j)::value>; });
 
 }  // namespace
 
 run_finder word_run_member(unsigned j) {
-    return WORD_RUN_MEMBERS.member[j - FIRST_J];
+    return WORD_RUN_MEMBERS[j];
 }
 
 }  // namespace tarnheap

@@ -1,9 +1,33 @@
 // The members of each tier, by multiplier, from which tier_member fills the finder table.
 #pragma once
 
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
 #include "runs/run_search_state.h"
 
 namespace tarnheap {
+
+// A tier's members for multipliers FIRST .. FIRST + COUNT - 1, looked up by multiplier.
+template <unsigned FIRST, size_t COUNT>
+struct member_table {
+    run_finder member[COUNT];
+
+    constexpr run_finder operator[](unsigned multiplier) const {
+        return member[multiplier - FIRST];
+    }
+};
+
+// Instantiates a tier's finder template for every multiplier: `pick` maps an
+// std::integral_constant holding the multiplier to that member's address.
+template <unsigned FIRST, size_t COUNT, typename Pick>
+constexpr member_table<FIRST, COUNT> tier_members(Pick pick) {
+    return [&]<size_t... I>(std::index_sequence<I...>) {
+        return member_table<FIRST, COUNT>{{pick(std::integral_constant<unsigned, FIRST + I>{})...}};
+    }
+    (std::make_index_sequence<COUNT>{});
+}
 
 // Runs of k = 2 .. 63 bits at any bit. Each member exists twice: for the baseline instruction
 // set and for processors with POPCNT.

@@ -11,6 +11,7 @@
 #include "platform/platform.h"
 #include "state/initialise.h"
 #include "stress/heap_model.h"
+#include "support/release_regions.h"
 
 namespace tarnheap::testing {
 namespace {
@@ -51,12 +52,7 @@ constexpr size_t LIVE_LIMIT = 64;
 // system rather than cleared one by one (the first and last, which may share a page with other
 // data, are cleared).
 void reset_heap() {
-    platform_seams = {};
-    if (heap_state.bucket_area_base != 0)
-        platform_virtual_free(reinterpret_cast<void*>(region_base()), 0, MEMORY_RELEASE);
-    if (heap_state.zeroed_region_base != 0)
-        platform_virtual_free(reinterpret_cast<void*>(heap_state.zeroed_region_base), 0,
-                              MEMORY_RELEASE);
+    release_regions();
     uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     uint64_t start = reinterpret_cast<uint64_t>(&heap_state), end = start + sizeof heap_state;
     uint64_t first = (start + page) & ~(page - 1), last = end & ~(page - 1);

@@ -1,0 +1,19 @@
+// The first half of putting the heap back as the process had it at load: the platform seams
+// cleared and the heap's two reservations given back. Zeroing the state is the other half.
+#pragma once
+
+#include "platform/platform.h"
+#include "state/heap_state.h"
+
+namespace tarnheap::testing {
+
+inline void release_regions() {
+    platform_seams = {};
+    if (heap_state.bucket_area_base != 0)
+        platform_virtual_free(reinterpret_cast<void*>(region_base()), 0, MEMORY_RELEASE);
+    if (heap_state.zeroed_region_base != 0)
+        platform_virtual_free(reinterpret_cast<void*>(heap_state.zeroed_region_base), 0,
+                              MEMORY_RELEASE);
+}
+
+}  // namespace tarnheap::testing
