@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "platform/platform.h"
 #include "state/initialise.h"
 #include "stress/heap_model.h"
 #include "support/release_regions.h"
@@ -24,29 +23,23 @@ struct byte_draws {
     uint64_t below(uint64_t bound) {
         unsigned bytes = bound <= 0x100 ? 1 : bound <= 0x10000 ? 2 : bound <= 0x100000000 ? 4 : 8;
         uint64_t value = 0;
-        for (unsigned i = 0; i < bytes; ++i, ++data, --size) {
-            if (size == 0) return value % bound;
-            value = value << 8 | *data;
-        }
+        for (; bytes > 0 && size > 0; --bytes, --size) value = value << 8 | *data++;
         return value % bound;
     }
 };
 
 // Short inputs reach the big areas as often as the small ones.
-constexpr size_band FUZZ_BANDS[] = {
-    {1, 64, 20},
-    {65, 256, 15},
-    {257, 2688, 15},
-    {2689, 35328, 10},
-    {35329, 4451328, 10},
-    {4451329, 284884992, 5},
-    {716800, 1048576, 10},
-    {284884993, LARGE_MAX, 2},
-    {LARGE_MAX + 1, LARGE_MAX + GIB, 2},
-    {0, 0, 3},
-};
+constexpr size_band FUZZ_BANDS[] = {{1, 64, 20},
+                                    {65, 256, 15},
+                                    {257, 2688, 15},
+                                    {2689, 35328, 10},
+                                    {35329, 4451328, 10},
+                                    {4451329, 284884992, 5},
+                                    {716800, 1048576, 10},
+                                    {284884993, LARGE_MAX, 2},
+                                    {LARGE_MAX + 1, LARGE_MAX + GIB, 2},
+                                    {0, 0, 3}};
 constexpr mix FUZZ_MIX = {FUZZ_BANDS, std::size(FUZZ_BANDS), DEFAULT_OPERATIONS};
-constexpr size_t LIVE_LIMIT = 64;
 
 // The heap as loaded: regions released, the state zeroed. Its pages are handed back to the
 // system rather than cleared one by one (the first and last, which may share a page with other
@@ -58,8 +51,7 @@ void reset_heap() {
     uint64_t first = (start + page) & ~(page - 1), last = end & ~(page - 1);
     std::memset(&heap_state, 0, first - start);
     std::memset(reinterpret_cast<void*>(last), 0, end - last);
-    if (madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED) != 0)
-        std::memset(reinterpret_cast<void*>(first), 0, last - first);
+    madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
 }
 
 }  // namespace
@@ -73,13 +65,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     heap_initialise();
     // Half of the inputs start past the 200 requests after which calloc uses the zeroed region.
     if (size > 0 && data[0] % 2 == 1) heap_state.zeroed_uses = 200;
-    heap_model model(size, LIVE_LIMIT);
+    heap_model model(size, 64);
     byte_draws draws{data, size};
     model.start();
-    while (draws.size > 0 && !model.failed()) {
-        model.execute(draw_operation(draws, FUZZ_MIX));
-        model.age_huge_run();
-    }
+    while (draws.size > 0 && !model.failed()) model.execute(draw_operation(draws, FUZZ_MIX));
     model.audit();
     model.finish();
     if (!model.failed()) return 0;
