@@ -24,6 +24,11 @@ set(TARNHEAP_LIBRARY_OPTIONS -fno-exceptions -fno-rtti -fno-stack-protector -fvi
 function(tarnheap_add_library name)
   cmake_parse_arguments(arg "PREFIXED;SEAMS" "KIND;VENDOR" "" ${ARGN})
   set(sources ${TARNHEAP_PORTABLE_SOURCES} ${TARNHEAP_PLATFORM_SOURCES})
+  if(NOT arg_PREFIXED)
+    # The self-check serves tests and investigations, which link the embeddable library; the
+    # shared libraries would only carry it.
+    list(FILTER sources EXCLUDE REGEX "/state/heap_audit\\.cpp$")
+  endif()
   if(arg_KIND STREQUAL "DLL")
     add_library(${name} SHARED ${sources} ${PROJECT_SOURCE_DIR}/src/platform/dll_entry.cpp
                                           ${PROJECT_SOURCE_DIR}/src/tarnheap.def)
