@@ -6,18 +6,20 @@
 #include <cstring>
 
 #include "api/entry_names.h"
+#include "api/out_of_memory.h"
 #include "bucket/bucket_class.h"
 #include "bucket/hand_out.h"
 #include "bucket/slow_paths.h"
 #include "small/small_class.h"
 
 namespace tarnheap {
-namespace {
 
 TARNHEAP_COLD void* out_of_memory() {
     errno = ENOMEM;
     return nullptr;
 }
+
+namespace {
 
 TARNHEAP_COLD void* malloc_miss(size_t size) {
     if (void* block = malloc_slow(size)) return block;

@@ -8,12 +8,12 @@
 #include "bucket/run_length.h"
 #include "runs/bitmap_access.h"
 #include "runs/run_finder_table.h"
+#include "state/reciprocal.h"
 
 namespace tarnheap {
 void release_unit(uint32_t group, uint64_t address) {
     bucket_group_view& view = heap_state.group_descriptor[group].bucket;
-    // Rounding up makes the reciprocal exact at every unit start.
-    uint64_t unit = ((address - view.group_base) * view.size_reciprocal + 0xFFFFFFFF) >> 32;
+    uint64_t unit = piece_index(address - view.group_base, view.size_reciprocal);
     view.unit_bitmap[unit / 64] &= ~(uint64_t{1} << (unit % 64));
     ++view.free_units;
     if (view.free_units != view.unit_count) {

@@ -23,4 +23,10 @@ void release_zeroed_block(uint64_t address, uint64_t offset);
 inline constexpr uint64_t ZEROED_REGION_BYTES = 0x4000000;
 inline constexpr unsigned ZEROED_SLOT_SHIFT = 16;
 
+// Whether `address` lies in the zeroed region, once it exists; its offset there goes to `offset`.
+inline bool in_zeroed_region(uint64_t address, uint64_t* offset) {
+    *offset = address - heap_state.zeroed_region_base;
+    return heap_state.zeroed_region_base != 0 && *offset < ZEROED_REGION_BYTES;
+}
+
 }  // namespace tarnheap

@@ -1,6 +1,7 @@
 #include "bucket/class_list.h"
 
 #include "state/heap_state.h"
+#include "state/reciprocal.h"
 
 namespace tarnheap {
 namespace {
@@ -49,8 +50,7 @@ void start_bucket_group(unsigned bucket_class, uint32_t group) {
     view.next_group = 0;
     view.group_base = heap_state.bucket_area_base + group * GROUP_BYTES;
     view.unit_size = static_cast<uint16_t>(entry.bucket_size);
-    // Release turns byte offsets into unit indices with this, rounding up.
-    view.size_reciprocal = static_cast<uint32_t>((uint64_t{1} << 32) / entry.bucket_size);
+    view.size_reciprocal = reciprocal_of(entry.bucket_size);
     for (uint64_t& word : view.unit_bitmap) word = 0;
     view.class_index = static_cast<uint8_t>(bucket_class);
     view.detached = 0;

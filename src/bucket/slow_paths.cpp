@@ -21,9 +21,6 @@ namespace tarnheap {
 
 namespace {
 
-// Each piece carries a 16-byte header holding its size, which resize reads back.
-constexpr uint64_t BOOTSTRAP_HEADER = 16;
-
 void* as_pointer(uint64_t address) {
     return reinterpret_cast<void*>(address);
 }

@@ -1,16 +1,16 @@
 #include <algorithm>
 
 #include "small/small_class.h"
+#include "state/reciprocal.h"
 
 namespace tarnheap {
 
 namespace {
 
-// The block index of one stack entry, by a 32-bit reciprocal rounded up: exact for every block
-// start, without a division per entry.
-uint64_t block_index(uint32_t entry, uint64_t key_base, uint64_t first_block, uint64_t reciprocal) {
-    uint64_t offset = key_base + (uint64_t{entry} << BLOCK_OFFSET_SHIFT) - first_block;
-    return (offset * reciprocal + 0xFFFFFFFF) >> 32;
+// The block index of one stack entry, without a division per entry.
+uint64_t block_index(uint32_t entry, uint64_t key_base, uint64_t first_block, uint32_t reciprocal) {
+    return piece_index(key_base + (uint64_t{entry} << BLOCK_OFFSET_SHIFT) - first_block,
+                       reciprocal);
 }
 
 }  // namespace
@@ -19,7 +19,7 @@ TARNHEAP_COLD void flush_free_index_stack(unsigned small_class) {
     small_class_record& descriptor = heap_state.small_class[small_class];
     small_class_head_record& head = heap_state.small_class_head[small_class];
     const uint32_t* stack = heap_state.free_index_stack[small_class];
-    uint64_t reciprocal = (uint64_t{1} << 32) / descriptor.block_size;
+    uint32_t reciprocal = reciprocal_of(descriptor.block_size);
     uint64_t key_base = uint64_t{head.segment_key} << SEGMENT_KEY_SHIFT;
     uint64_t lowest_word = descriptor.cursor;
     int depth = head.depth;

@@ -31,11 +31,11 @@ TARNHEAP_COLD void release_outside_small(uint64_t address) {
         if (descriptor->bucket.unit_size != 0) return release_unit(group, address);
         if (descriptor->large.run_groups != 0) return release_large_run(group);
     }
-    uint64_t zeroed_offset = address - heap_state.zeroed_region_base;
-    if (heap_state.zeroed_region_base != 0 && zeroed_offset < ZEROED_REGION_BYTES)
+    uint64_t zeroed_offset;
+    if (in_zeroed_region(address, &zeroed_offset))
         return release_zeroed_block(address, zeroed_offset);
     // Bootstrap pieces are never reused.
-    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) return;
+    if (in_bootstrap_arena(address)) return;
     if (heap_state.fallback_free != nullptr)
         heap_state.fallback_free(reinterpret_cast<void*>(address));
 }

@@ -1,11 +1,11 @@
 // realloc: the old block's usable size follows from its address by the same area tests as
 // free. A block stays where it is whenever the new size fits and the waste is tolerable;
 // otherwise it moves. There is no growth in place.
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
 #include "api/entry_names.h"
+#include "api/out_of_memory.h"
 #include "bucket/bucket_release.h"
 #include "bucket/slow_paths.h"
 #include "small/release.h"
@@ -19,13 +19,6 @@ namespace {
 // 256th of it; smaller blocks never move to shrink.
 constexpr uint64_t SHRINK_MOVE_MIN = 35329;
 constexpr uint64_t SHRINK_RATIO = 256;
-constexpr uint64_t BOOTSTRAP_HEADER = 16;
-
-void* out_of_memory() {
-    errno = ENOMEM;
-    return nullptr;
-}
-
 void* resize_allocate(uint64_t size) {
     return allocate_block(size, MODE_RESIZE);
 }
@@ -50,13 +43,13 @@ uint64_t usable_size(uint64_t address) {
         return descriptor->large.run_groups * GROUP_BYTES -
                (address - descriptor->large.group_base);
     }
-    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES) {
+    if (in_bootstrap_arena(address)) {
         uint64_t piece;
         std::memcpy(&piece, reinterpret_cast<void*>(address - BOOTSTRAP_HEADER), sizeof piece);
         return piece - BOOTSTRAP_HEADER;
     }
-    uint64_t zeroed_offset = address - heap_state.zeroed_region_base;
-    if (heap_state.zeroed_region_base == 0 || zeroed_offset >= ZEROED_REGION_BYTES) return 0;
+    uint64_t zeroed_offset;
+    if (!in_zeroed_region(address, &zeroed_offset)) return 0;
     return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]}
            << ZEROED_SLOT_SHIFT;
 }
@@ -103,7 +96,6 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t siz
     if (small_class >= 0) return resize_small(block, static_cast<unsigned>(small_class), size);
     uint64_t old_size = usable_size(address);
     if (old_size == 0) return resize_foreign(block, size);
-    if (address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES && old_size >= size)
-        return block;
+    if (in_bootstrap_arena(address) && old_size >= size) return block;
     return resize_owned(block, old_size, size);
 }

@@ -111,4 +111,9 @@ inline uint64_t region_base() {
     return heap_state.bucket_area_base - BUCKET_AREA_OFFSET;
 }
 
+// Pieces carved while the heap initialises lie in the first 2 MiB of the state.
+inline bool in_bootstrap_arena(uint64_t address) {
+    return address - reinterpret_cast<uint64_t>(&heap_state) < BOOTSTRAP_BYTES;
+}
+
 }  // namespace tarnheap

@@ -45,6 +45,8 @@ inline constexpr uint64_t BUCKET_MAX = 35328;
 inline constexpr uint64_t LARGE_MAX = 0x120000000;
 
 inline constexpr uint64_t BOOTSTRAP_BYTES = 0x200000;
+// Each bootstrap piece starts with a header holding its size, which resize reads back.
+inline constexpr uint64_t BOOTSTRAP_HEADER = 16;
 
 inline constexpr uint8_t INIT_NONE = 0;
 inline constexpr uint8_t INIT_RUNNING = 1;
