@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <initializer_list>
 
+#include "block_pool.h"
 #include "block_touch.h"
 #include "fixed_random.h"
 #include "workloads.h"
@@ -19,47 +20,43 @@ constexpr unsigned LARGE_POOL_BLOCKS = 256;
 // near 4 MiB, and a pool that stays near 150 MiB of address space.
 constexpr unsigned LARGE_POOL_DOUBLINGS = 10;
 constexpr uint64_t LARGE_POOL_MIN_BYTES = 4096;
-void* large_pool[LARGE_POOL_BLOCKS];
-fixed_random large_pool_draws{0xd1b54a32d192ed03ULL};
 
 constexpr unsigned CALLOC_MIX_BLOCKS = 64;
 // The band of large calloc requests that some heaps serve from memory known to be zero.
 constexpr uint64_t CALLOC_BAND_MIN_BYTES = 716800;
 constexpr uint64_t CALLOC_BAND_MAX_BYTES = 1048576;
-void* calloc_mix[CALLOC_MIX_BLOCKS];
-fixed_random calloc_mix_draws{0x8cb92ba72f3d8dd7ULL};
 
-uint64_t large_pool_size() {
-    uint64_t low = LARGE_POOL_MIN_BYTES << draw_below(large_pool_draws, LARGE_POOL_DOUBLINGS);
-    return low + draw_below(large_pool_draws, low);
-}
-
-void large_pool_replace(unsigned slot) {
-    uint64_t bytes = large_pool_size();
-    large_pool[slot] = checked(std::malloc(bytes), "malloc", bytes);
-    touch_ends(large_pool[slot], bytes);
+void* large_pool_block(fixed_random& draws) {
+    uint64_t low = LARGE_POOL_MIN_BYTES << draw_below(draws, LARGE_POOL_DOUBLINGS);
+    uint64_t bytes = low + draw_below(draws, low);
+    void* block = checked(std::malloc(bytes), "malloc", bytes);
+    touch_ends(block, bytes);
+    return block;
 }
 
 // Half small (8 to 256 bytes), three in ten medium (1 to 32 KiB), one in five from the band.
-uint64_t calloc_mix_size() {
-    uint64_t kind = draw_below(calloc_mix_draws, 10);
-    if (kind < 5) return 8 * (1 + draw_below(calloc_mix_draws, 32));
-    if (kind < 8) return 1024 + draw_below(calloc_mix_draws, 31 * 1024);
+uint64_t calloc_mix_size(fixed_random& draws) {
+    uint64_t kind = draw_below(draws, 10);
+    if (kind < 5) return 8 * (1 + draw_below(draws, 32));
+    if (kind < 8) return 1024 + draw_below(draws, 31 * 1024);
     return CALLOC_BAND_MIN_BYTES +
-           draw_below(calloc_mix_draws, CALLOC_BAND_MAX_BYTES - CALLOC_BAND_MIN_BYTES + 1);
+           draw_below(draws, CALLOC_BAND_MAX_BYTES - CALLOC_BAND_MIN_BYTES + 1);
 }
 
 // Checks three bytes of a fresh calloc block and dirties them, so that a heap which hands the
 // block out again without zeroing it is caught.
-void calloc_mix_replace(unsigned slot) {
-    uint64_t bytes = calloc_mix_size();
+void* calloc_mix_block(fixed_random& draws) {
+    uint64_t bytes = calloc_mix_size(draws);
     auto* block =
         static_cast<volatile unsigned char*>(checked(std::calloc(1, bytes), "calloc", bytes));
     if (block[0] != 0 || block[bytes / 2] != 0 || block[bytes - 1] != 0)
         workload_failure("calloc returned a block that is not zero", bytes);
     for (uint64_t at : {uint64_t{0}, bytes / 2, bytes - 1}) block[at] = 0xa5;
-    calloc_mix[slot] = const_cast<unsigned char*>(block);
+    return const_cast<unsigned char*>(block);
 }
+
+block_pool<LARGE_POOL_BLOCKS> large_pool{{}, {0xd1b54a32d192ed03ULL}, large_pool_block};
+block_pool<CALLOC_MIX_BLOCKS> calloc_mix{{}, {0x8cb92ba72f3d8dd7ULL}, calloc_mix_block};
 
 }  // namespace
 
@@ -91,35 +88,23 @@ template void large_pairs<262144>(uint64_t);
 template void large_pairs<1048576>(uint64_t);
 
 void large_pool_set_up() {
-    for (unsigned slot = 0; slot < LARGE_POOL_BLOCKS; ++slot) large_pool_replace(slot);
+    large_pool.fill();
 }
-
 void large_pool_steps(uint64_t steps) {
-    for (uint64_t i = 0; i < steps; ++i) {
-        auto slot = static_cast<unsigned>(draw_below(large_pool_draws, LARGE_POOL_BLOCKS));
-        std::free(large_pool[slot]);
-        large_pool_replace(slot);
-    }
+    large_pool.replace(steps);
 }
-
 void large_pool_tear_down() {
-    for (void* block : large_pool) std::free(block);
+    large_pool.empty();
 }
 
 void calloc_mix_set_up() {
-    for (unsigned slot = 0; slot < CALLOC_MIX_BLOCKS; ++slot) calloc_mix_replace(slot);
+    calloc_mix.fill();
 }
-
 void calloc_mix_steps(uint64_t steps) {
-    for (uint64_t i = 0; i < steps; ++i) {
-        auto slot = static_cast<unsigned>(draw_below(calloc_mix_draws, CALLOC_MIX_BLOCKS));
-        std::free(calloc_mix[slot]);
-        calloc_mix_replace(slot);
-    }
+    calloc_mix.replace(steps);
 }
-
 void calloc_mix_tear_down() {
-    for (void* block : calloc_mix) std::free(block);
+    calloc_mix.empty();
 }
 
 }  // namespace workload

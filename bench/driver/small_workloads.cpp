@@ -2,6 +2,7 @@
 // nanoseconds and any extra instruction shows.
 #include <cstdlib>
 
+#include "block_pool.h"
 #include "block_touch.h"
 #include "fixed_random.h"
 #include "workloads.h"
@@ -30,8 +31,13 @@ void* lifo_blocks[LIFO_BATCH];
 // stresses their medium paths and their reuse of freed space.
 constexpr unsigned RANDOM_POOL_BLOCKS = 10000;
 constexpr uint64_t RANDOM_POOL_MAX_BYTES = 4096;
-void* random_pool[RANDOM_POOL_BLOCKS];
-fixed_random random_pool_draws{0x9e3779b97f4a7c15ULL};
+block_pool<RANDOM_POOL_BLOCKS> random_pool{
+    {}, {0x9e3779b97f4a7c15ULL}, [](fixed_random& draws) {
+        uint64_t bytes = 1 + draw_below(draws, RANDOM_POOL_MAX_BYTES);
+        void* block = checked(std::malloc(bytes), "malloc", bytes);
+        touch_first(block);
+        return block;
+    }};
 
 }  // namespace
 
@@ -59,27 +65,15 @@ void calloc_pairs(uint64_t steps) {
     }
 }
 
-void random_pool_set_up() {
-    for (void*& block : random_pool) {
-        uint64_t bytes = 1 + draw_below(random_pool_draws, RANDOM_POOL_MAX_BYTES);
-        block = checked(std::malloc(bytes), "malloc", bytes);
-        touch_first(block);
-    }
-}
-
 // One step replaces one block, chosen at random, by a block of a random size.
-void random_pool_steps(uint64_t steps) {
-    for (uint64_t i = 0; i < steps; ++i) {
-        void*& block = random_pool[draw_below(random_pool_draws, RANDOM_POOL_BLOCKS)];
-        std::free(block);
-        uint64_t bytes = 1 + draw_below(random_pool_draws, RANDOM_POOL_MAX_BYTES);
-        block = checked(std::malloc(bytes), "malloc", bytes);
-        touch_first(block);
-    }
+void random_pool_set_up() {
+    random_pool.fill();
 }
-
+void random_pool_steps(uint64_t steps) {
+    random_pool.replace(steps);
+}
 void random_pool_tear_down() {
-    for (void*& block : random_pool) std::free(block);
+    random_pool.empty();
 }
 
 }  // namespace workload
