@@ -29,16 +29,10 @@ import time
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import bench_callgrind  # noqa: E402
+import peers  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-LIBRARIES = "/usr/lib/x86_64-linux-gnu"
-PEERS = [
-    ("glibc", None),
-    ("mimalloc", LIBRARIES + "/libmimalloc.so.2"),
-    ("jemalloc", LIBRARIES + "/libjemalloc.so.2"),
-    ("tcmalloc", LIBRARIES + "/libtcmalloc_minimal.so.4"),
-]
-HEAP = "tarnheap"
+HEAP = peers.HEAP
 
 # Each real program: its command ({jobs} is bench/programs, {scale} the job's size), the file
 # it reads on standard input, and its scale in full and quick runs (about 1 s and 0.25 s).
@@ -385,6 +379,8 @@ def main():
     parser.add_argument("--windows-build", default=os.path.join(ROOT, "build", "windows"))
     parser.add_argument("--no-windows", action="store_true")
     parser.add_argument("--out", default=os.path.join(ROOT, "build", "bench"))
+    parser.add_argument("--peers", help=f"extra allocators, NAME=PATH,... (default: "
+                        f"${peers.PEERS_VARIABLE})")
     args = parser.parse_args()
     args.reps = args.reps or (3 if args.quick else 5)
     os.makedirs(args.out, exist_ok=True)
@@ -396,9 +392,10 @@ def main():
     listing = subprocess.run([driver, "--list"], capture_output=True, text=True, check=True)
     workloads = [(line.split(None, 1) + [""])[:2] for line in listing.stdout.splitlines()]
     names = [name for name, _ in workloads]
-    allocators = [(name, path) for name, path in PEERS if path is None or os.path.exists(path)]
-    allocators.append((HEAP, library))
-    missing_peers = [name for name, path in PEERS if (name, path) not in allocators]
+    try:
+        allocators, missing_peers = peers.linux_allocators(args.peers, library)
+    except ValueError as error:
+        parser.error(str(error))
 
     progress = Progress()
     started = time.monotonic()
