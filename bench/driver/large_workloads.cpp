@@ -15,10 +15,10 @@ namespace {
 constexpr uint64_t GROWTH_START_BYTES = 16;
 constexpr uint64_t GROWTH_END_BYTES = uint64_t{1} << 20;
 
-constexpr unsigned LARGE_POOL_BLOCKS = 256;
-// Sizes of 4 KiB to 4 MiB, uniform within each of ten doublings: as many blocks near 4 KiB as
-// near 4 MiB, and a pool that stays near 150 MiB of address space.
-constexpr unsigned LARGE_POOL_DOUBLINGS = 10;
+constexpr unsigned LARGE_POOL_BLOCKS = 64;
+// Sizes of 4 KiB to 1 MiB, uniform within each of eight doublings: as many blocks near 4 KiB as
+// near 1 MiB, and a pool that stays near 10 MiB.
+constexpr unsigned LARGE_POOL_DOUBLINGS = 8;
 constexpr uint64_t LARGE_POOL_MIN_BYTES = 4096;
 
 constexpr unsigned CALLOC_MIX_BLOCKS = 64;

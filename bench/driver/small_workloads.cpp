@@ -9,6 +9,29 @@
 
 namespace workload {
 
+namespace {
+
+void* neighbour;
+
+}  // namespace
+
+template <uint64_t BYTES>
+void neighbour_set_up() {
+    neighbour = checked(std::malloc(BYTES), "malloc", BYTES);
+    touch_first(neighbour);
+}
+template void neighbour_set_up<16>();
+template void neighbour_set_up<64>();
+template void neighbour_set_up<256>();
+template void neighbour_set_up<4096>();
+template void neighbour_set_up<32768>();
+template void neighbour_set_up<262144>();
+template void neighbour_set_up<1048576>();
+
+void neighbour_tear_down() {
+    std::free(neighbour);
+}
+
 template <uint64_t BYTES>
 void small_pairs(uint64_t steps) {
     for (uint64_t i = 0; i < steps; ++i) {

@@ -32,6 +32,13 @@ inline void* checked(void* block, const char* what, uint64_t bytes) {
 inline void no_set_up() {}
 inline void no_tear_down() {}
 
+// The pairs workloads keep one other block of their size live throughout, as a program does:
+// a heap then cannot hand back a whole empty page, group or span on every free
+// (small_workloads.cpp).
+template <uint64_t BYTES>
+void neighbour_set_up();
+void neighbour_tear_down();
+
 // Small blocks (small_workloads.cpp).
 template <uint64_t BYTES>
 void small_pairs(uint64_t steps);

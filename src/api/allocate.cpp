@@ -26,6 +26,11 @@ TARNHEAP_COLD void* malloc_miss(size_t size) {
     return out_of_memory();
 }
 
+TARNHEAP_OUT_OF_LINE void* above_small_miss(size_t size) {
+    if (void* block = malloc_above_small(size)) return block;
+    return out_of_memory();
+}
+
 TARNHEAP_COLD void* calloc_miss(size_t count, size_t size) {
     if (void* block = calloc_slow(count, size)) return block;
     return out_of_memory();
@@ -64,14 +69,14 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
         prefetch_next_block(stack, size);
         return popped(stack, size);
     }
-    if (size - 1 < BUCKET_LINEAR_MAX) {
-        if (uint64_t block = claim_from_class(static_cast<unsigned>((size + 63) >> 6)))
+    if (size - 1 < BUCKET_MAX) {
+        if (uint64_t block = claim_from_class(bucket_class_of(size)))
             return hand_out(block, size, MODE_MALLOC);
-        return malloc_miss(size);
+        return above_small_miss(size);
     }
     // malloc(0) never returns a block, by design.
     if (size == 0) return out_of_memory();
-    return malloc_miss(size);
+    return above_small_miss(size);
 }
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t size) {
@@ -83,8 +88,8 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t siz
         if (!pop_small_block(stack_of(CALLOC_CLASS_TABLE.small_class[total >> 4]), block))
             return calloc_miss(count, size);
         if (block == 0) return out_of_memory();
-    } else if (total <= BUCKET_LINEAR_MAX) {
-        block = claim_from_class(static_cast<unsigned>((total + 63) >> 6));
+    } else if (total <= BUCKET_MAX) {
+        block = claim_from_class(bucket_class_of(total));
         if (block == 0) return calloc_miss(count, size);
     } else {
         return calloc_miss(count, size);

@@ -4,36 +4,22 @@
 #include <cstring>
 
 #include "bucket/class_list.h"
-#include "bucket/run_cache.h"
-#include "bucket/run_length.h"
 #include "runs/bitmap_access.h"
 #include "runs/run_finder_table.h"
-#include "state/reciprocal.h"
 
 namespace tarnheap {
-void release_unit(uint32_t group, uint64_t address) {
+
+void reattach_group(uint32_t group) {
     bucket_group_view& view = heap_state.group_descriptor[group].bucket;
-    uint64_t unit = piece_index(address - view.group_base, view.size_reciprocal);
-    view.unit_bitmap[unit / 64] &= ~(uint64_t{1} << (unit % 64));
-    ++view.free_units;
-    if (view.free_units != view.unit_count) {
-        if (view.detached != 0) {
-            view.detached = 0;
-            push_group(view.class_index, group);
-        }
-        return;
-    }
-    // Emptied: the group waits in the run cache, still claimed in the group bitmap, for any
-    // class or a one-group block.
-    unlink_group(view.class_index, group);
-    cache_put(heap_state.group_descriptor[group], 1, ONE_GROUP_ENTRY);
+    view.detached = 0;
+    push_group(view.class_index, group);
 }
 
-void release_large_run(uint32_t group) {
-    group_descriptor_record& run = heap_state.group_descriptor[group];
-    uint32_t groups = run.large.run_groups;
-    if (groups > LONGEST_TABLE_RUN) return release_group_run(group, groups);
-    cache_put(run, groups, run_length_for(groups).entry);
+TARNHEAP_COLD void retire_group(uint32_t group) {
+    // The group waits in the run cache, still claimed in the group bitmap, for any class or a
+    // one-group block.
+    unlink_group(heap_state.group_descriptor[group].bucket.class_index, group);
+    cache_put(heap_state.group_descriptor[group], 1, ONE_GROUP_ENTRY);
 }
 
 void release_zeroed_block(uint64_t address, uint64_t offset) {

@@ -3,17 +3,43 @@
 
 #include <cstdint>
 
+#include "bucket/run_cache.h"
+#include "bucket/run_length.h"
+#include "runs/run_finder_table.h"
+#include "state/compiler.h"
 #include "state/heap_state.h"
+#include "state/reciprocal.h"
 
 namespace tarnheap {
 
-// Releases the unit at `address` of bucket group `group`: re-links a detached group, and hands
-// an emptied one to the run cache as a free run of one group.
-void release_unit(uint32_t group, uint64_t address);
+// Puts a group that was taken off its class's list while full back at the head of the list.
+void reattach_group(uint32_t group);
+
+// Takes an emptied group off its class's list and hands it to the run cache as a free run of
+// one group.
+void retire_group(uint32_t group);
+
+// Releases the unit at `address` of bucket group `group`. Most releases only clear a bit and
+// count it; a detached group goes back on its class's list, an emptied one to the run cache.
+TARNHEAP_HOT void release_unit(uint32_t group, uint64_t address) {
+    bucket_group_view& view = heap_state.group_descriptor[group].bucket;
+    uint64_t unit = piece_index(address - view.group_base, view.size_reciprocal);
+    view.unit_bitmap[unit / 64] &= ~(uint64_t{1} << (unit % 64));
+    uint16_t free_units = ++view.free_units;
+    if (TARNHEAP_UNLIKELY(free_units == view.unit_count)) return retire_group(group);
+    // Common where a class's groups are full: the head fills, and any release in a full group
+    // brings it back.
+    if (view.detached != 0) reattach_group(group);
+}
 
 // Releases the large block whose run starts at `group`: to the run cache, or for runs of more
 // than 32768 groups straight back to the group bitmap.
-void release_large_run(uint32_t group);
+TARNHEAP_HOT void release_large_run(uint32_t group) {
+    group_descriptor_record& run = heap_state.group_descriptor[group];
+    uint32_t groups = run.large.run_groups;
+    if (groups > LONGEST_TABLE_RUN) return release_group_run(group, groups);
+    cache_put(run, groups, run_length_for(groups).entry);
+}
 
 // Releases the zeroed-region block at `address`, `offset` bytes into the region: zeroes it
 // again and frees its slots.

@@ -8,19 +8,21 @@
 
 #include <cstdint>
 
+#include "state/compiler.h"
+
 namespace tarnheap {
 
 struct run_length_tier {
     uint32_t longest;     // longest run, in groups, rounded at this tier
-    uint32_t step;        // rounding step in groups
+    uint32_t step_shift;  // rounding step in groups: 1 << step_shift
     uint32_t entry_base;  // a run of k steps is entry entry_base + k
 };
 
 inline constexpr run_length_tier RUN_LENGTH_TIERS[] = {
-    {63, 1, 0},
-    {504, 8, 64},
-    {4032, 64, 128},
-    {32768, 512, 192},
+    {63, 0, 0},
+    {504, 3, 64},
+    {4032, 6, 128},
+    {32768, 9, 192},
 };
 
 // Longer runs are claimed by the generic finder, never cached, and released at once.
@@ -31,12 +33,19 @@ struct run_length_choice {
     unsigned entry;   // its run_length_table entry; 0 for runs beyond LONGEST_TABLE_RUN
 };
 
-constexpr run_length_choice run_length_for(uint64_t groups) {
-    for (const run_length_tier& tier : RUN_LENGTH_TIERS) {
-        if (groups > tier.longest) continue;
-        uint64_t steps = (groups + tier.step - 1) / tier.step;
-        return {steps * tier.step, static_cast<unsigned>(tier.entry_base + steps)};
-    }
+template <unsigned TIER>
+TARNHEAP_HOT constexpr run_length_choice run_length_at(uint64_t groups) {
+    constexpr run_length_tier tier = RUN_LENGTH_TIERS[TIER];
+    uint64_t steps = (groups + (uint64_t{1} << tier.step_shift) - 1) >> tier.step_shift;
+    return {steps << tier.step_shift, static_cast<unsigned>(tier.entry_base + steps)};
+}
+
+// Every tier's step a constant: allocation and release round on every large block.
+TARNHEAP_HOT constexpr run_length_choice run_length_for(uint64_t groups) {
+    if (groups <= RUN_LENGTH_TIERS[0].longest) return run_length_at<0>(groups);
+    if (groups <= RUN_LENGTH_TIERS[1].longest) return run_length_at<1>(groups);
+    if (groups <= RUN_LENGTH_TIERS[2].longest) return run_length_at<2>(groups);
+    if (groups <= RUN_LENGTH_TIERS[3].longest) return run_length_at<3>(groups);
     return {groups, 0};
 }
 

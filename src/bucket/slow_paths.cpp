@@ -1,8 +1,8 @@
 // The allocation core below the fast paths of malloc and calloc.
 //
 //   malloc / calloc fast path: a pop from a small class's stack, or a unit claim in the head
-//     group of a bucket class of up to 2688 bytes
-//   -> malloc_slow / calloc_slow
+//     group of a bucket class (up to 35328 bytes)
+//   -> malloc_slow / calloc_slow (malloc_above_small for malloc above 256 bytes, from step 2)
 //        1. small classes: pop, or small_class_refill while the class has blocks never issued
 //        2. bucket_alloc: a unit of a bucket class (small requests overflow into classes 0 to 4)
 //        3. run_alloc: a run of whole groups, through the run cache and the run finders;
@@ -54,13 +54,17 @@ void* calloc_from_heap(uint64_t total) {
     return nullptr;
 }
 
-void* allocate_from_heap(uint64_t size, alloc_mode mode) {
-    if (size <= SMALL_MAX)
-        if (uint64_t block = take_small_block(small_class_for(size))) return as_pointer(block);
+void* allocate_above_small(uint64_t size, alloc_mode mode) {
     if (size <= BUCKET_MAX)
         if (void* block = bucket_alloc(size, mode)) return block;
     if (size <= LARGE_MAX) return run_alloc(size, mode);
     return nullptr;
+}
+
+void* allocate_from_heap(uint64_t size, alloc_mode mode) {
+    if (size <= SMALL_MAX)
+        if (uint64_t block = take_small_block(small_class_for(size))) return as_pointer(block);
+    return allocate_above_small(size, mode);
 }
 
 }  // namespace
@@ -74,18 +78,25 @@ void* bootstrap_alloc(uint64_t size) {
     return piece + BOOTSTRAP_HEADER;
 }
 
-TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
-    for (;;) {
-        if (void* block = allocate_from_heap(size, mode)) return block;
-        if (heap_state.init_state == INIT_NONE) {
-            heap_initialise();
-            continue;
-        }
-        if (heap_state.init_state == INIT_RUNNING)
-            if (void* block = bootstrap_alloc(size)) return block;
-        // A ready heap that has run out of room hands the request to the C runtime.
-        return heap_state.fallback_malloc != nullptr ? heap_state.fallback_malloc(size) : nullptr;
+TARNHEAP_COLD void* allocate_last_resort(uint64_t size, alloc_mode mode) {
+    if (heap_state.init_state == INIT_NONE) {
+        heap_initialise();
+        return allocate_block(size, mode);
     }
+    if (heap_state.init_state == INIT_RUNNING)
+        if (void* block = bootstrap_alloc(size)) return block;
+    // A ready heap that has run out of room hands the request to the C runtime.
+    return heap_state.fallback_malloc != nullptr ? heap_state.fallback_malloc(size) : nullptr;
+}
+
+TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
+    if (void* block = allocate_from_heap(size, mode)) return block;
+    return allocate_last_resort(size, mode);
+}
+
+void* malloc_above_small(uint64_t size) {
+    if (void* block = allocate_above_small(size, MODE_MALLOC)) return block;
+    return allocate_last_resort(size, MODE_MALLOC);
 }
 
 TARNHEAP_COLD void* malloc_slow(uint64_t size) {

@@ -18,6 +18,14 @@ void* calloc_slow(uint64_t count, uint64_t size);
 // block is neither touched nor offset in its run. `size` is not 0.
 void* allocate_block(uint64_t size, alloc_mode mode);
 
+// malloc_slow for a request above 256 bytes, which the small classes never serve: the same
+// result without their step.
+void* malloc_above_small(uint64_t size);
+
+// What a request gets when the heap could not serve it: initialisation and a new attempt, the
+// bootstrap arena while initialising, the C runtime's allocator once ready or failed.
+void* allocate_last_resort(uint64_t size, alloc_mode mode);
+
 // A piece of the bootstrap arena for a request made while the heap initialises, or null when
 // the arena cannot hold it.
 void* bootstrap_alloc(uint64_t size);

@@ -25,7 +25,7 @@ group_descriptor_record* in_use_descriptor(uint64_t address, uint32_t* group) {
     return &descriptor;
 }
 
-TARNHEAP_COLD void release_outside_small(uint64_t address) {
+void release_outside_small(uint64_t address) {
     uint32_t group;
     if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
         if (descriptor->bucket.unit_size != 0) return release_unit(group, address);
@@ -36,14 +36,16 @@ TARNHEAP_COLD void release_outside_small(uint64_t address) {
         return release_zeroed_block(address, zeroed_offset);
     // Bootstrap pieces are never reused.
     if (in_bootstrap_arena(address)) return;
-    if (heap_state.fallback_free != nullptr)
+    // Null passes every test above, and free(null) does nothing.
+    if (address != 0 && heap_state.fallback_free != nullptr)
         heap_state.fallback_free(reinterpret_cast<void*>(address));
 }
 
 namespace {
 
 // The common case, a small block with room on its stack, is one head load, one slot store and
-// the depth update; everything else leaves through one out-of-line call.
+// the depth update; everything else leaves through one out-of-line call. Null is never a small
+// block (no class in use has the segment key 0), so its test waits until that call.
 TARNHEAP_HOT void release_address(uint64_t address) {
     int small_class = small_class_owning(address);
     if (small_class >= 0) return push_small_block(static_cast<unsigned>(small_class), address);
@@ -59,6 +61,5 @@ void release_block(uint64_t address) {
 }  // namespace tarnheap
 
 extern "C" TARNHEAP_EXPORT void TARNHEAP_ENTRY(free)(void* block) {
-    if (block == nullptr) return;
     tarnheap::release_address(reinterpret_cast<uint64_t>(block));
 }

@@ -4,8 +4,8 @@
 
 namespace tarnheap {
 
-// free without the null test: finds the block's owner from its address and gives the block
-// back there. Used by free and by resize for the old block.
+// free: finds the block's owner from its address and gives the block back there; null does
+// nothing. Used by free and by resize for the old block.
 void release_block(uint64_t address);
 
 // The same for an address already known not to be a small block.
