@@ -58,15 +58,19 @@ TARNHEAP_HOT void* popped(const small_stack& stack, size_t size) {
 using namespace tarnheap;
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
-    if (size - 1 < 4) return popped(stack_of(0), size);
-    if (size - 1 < 64) {
-        small_stack stack = stack_of(heap_state.small_class_head[(size + 3) / 4 - 1].route);
-        prefetch_next_block(stack, size);
+    // Size step 0 (1 to 4 bytes) is routed to class 0 in both routings and in the zero state,
+    // so its route byte answers as the constant would.
+    if (size - 1 < ROUTED_STEPS * 4) {
+        small_stack stack = stack_of(heap_state.small_class_head[(size - 1) / 4].route);
+        prefetch_next_block<1>(stack);
         return popped(stack, size);
     }
     if (size - 1 < SMALL_MAX) {
         small_stack stack = stack_of(medium_small_class(size));
-        prefetch_next_block(stack, size);
+        if (size <= 128)
+            prefetch_next_block<2>(stack);
+        else
+            prefetch_next_block<4>(stack);
         return popped(stack, size);
     }
     if (size - 1 < BUCKET_MAX) {

@@ -25,28 +25,25 @@ TARNHEAP_HOT small_stack stack_of(unsigned small_class) {
     return {heap_state.small_class_head[small_class], heap_state.free_index_stack[small_class]};
 }
 
-// Hints the block the class's next pop will hand out into the outer caches: the lines a request
-// of `size` bytes will touch first. Reads the entry below the top even when the stack holds
-// fewer than two: the stale value is only a hint, it lies inside the state, and a prefetch
-// never faults.
-TARNHEAP_HOT void prefetch_next_block(const small_stack& stack, uint64_t size) {
-    const uint32_t* below_top = stack.entries + int64_t{stack.head.depth} - 2;
-    auto* block =
-        reinterpret_cast<const char*>(small_block_address(stack.head.segment_key, *below_top));
-    __builtin_prefetch(block, 0, 1);
-    if (size > 64) __builtin_prefetch(block + 64, 0, 1);
-    if (size > 128) {
-        __builtin_prefetch(block + 128, 0, 1);
-        __builtin_prefetch(block + 192, 0, 1);
-    }
+// Hints the block the class's next pop will hand out into the outer caches: LINES lines from
+// its start, as many as a request of its size will touch first. Reads the entry below the top
+// even when the stack holds fewer than two: the stale value is only a hint, it lies inside the
+// state, and a prefetch never faults.
+template <unsigned LINES>
+TARNHEAP_HOT void prefetch_next_block(const small_stack& stack) {
+    small_class_head_record head = stack.head;
+    const uint32_t* below_top = stack.entries + head.depth - 2;
+    auto* block = reinterpret_cast<const char*>(small_block_address(head.segment_key, *below_top));
+    for (unsigned line = 0; line < LINES; ++line) __builtin_prefetch(block + 64 * line, 0, 1);
 }
 
 // Takes the top of the stack into `block`; false when the stack is empty.
 TARNHEAP_HOT bool pop_small_block(const small_stack& stack, uint64_t& block) {
-    int64_t depth = stack.head.depth;
-    if (depth <= 0) return false;
-    stack.head.depth = static_cast<int16_t>(depth - 1);
-    block = small_block_address(stack.head.segment_key, stack.entries[depth - 1]);
+    small_class_head_record head = stack.head;
+    if (head.depth <= 0) return false;
+    const uint32_t* top = stack.entries + head.depth - 1;
+    stack.head.depth = static_cast<int16_t>(head.depth - 1);
+    block = small_block_address(head.segment_key, *top);
     return true;
 }
 

@@ -71,11 +71,11 @@ struct heap_state_record {
     uint64_t bucket_area_base;
     uint64_t rng_state;
 
-    uint64_t zeroed_region_base;
     uint8_t zeroed_uses;  // qualifying calloc requests seen, up to the 200 before the region
+    uint64_t zeroed_region_base;
+    alignas(64) uint8_t zeroed_bitmap[ZEROED_BITMAP_BYTES];
     run_search_state zeroed_search_state;
     uint32_t zeroed_run_length[ZEROED_SLOTS];  // slots of the run starting at each slot
-    alignas(64) uint8_t zeroed_bitmap[ZEROED_BITMAP_BYTES];
 
     generic_run_finder generic_block_finder;
     void* (*fallback_malloc)(size_t);
