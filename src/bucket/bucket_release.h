@@ -19,11 +19,11 @@ void reattach_group(uint32_t group);
 // one group.
 void retire_group(uint32_t group);
 
-// Releases the unit at `address` of bucket group `group`. Most releases only clear a bit and
-// count it; a detached group goes back on its class's list, an emptied one to the run cache.
-TARNHEAP_HOT void release_unit(uint32_t group, uint64_t address) {
+// Releases the unit at `offset` bytes into bucket group `group`. Most releases only clear a bit
+// and count it; a detached group goes back on its class's list, an emptied one to the run cache.
+TARNHEAP_HOT void release_unit(uint32_t group, uint64_t offset) {
     bucket_group_view& view = heap_state.group_descriptor[group].bucket;
-    uint64_t unit = piece_index(address - view.group_base, view.size_reciprocal);
+    uint64_t unit = piece_index(offset, view.size_reciprocal);
     view.unit_bitmap[unit / 64] &= ~(uint64_t{1} << (unit % 64));
     uint16_t free_units = ++view.free_units;
     if (TARNHEAP_UNLIKELY(free_units == view.unit_count)) return retire_group(group);

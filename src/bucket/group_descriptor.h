@@ -48,11 +48,14 @@ struct cached_run_view {
     group_descriptor_record* age_next;
 };
 
-union group_descriptor_record {
+// Whole cache lines each: a release then reads the head of one line, and the unit bitmap's
+// words 0 to 3 share it; a power-of-two stride would crowd the heads into a few cache sets.
+union alignas(64) group_descriptor_record {
     bucket_group_view bucket;
     large_run_view large;
     cached_run_view cached;
 };
+static_assert(sizeof(group_descriptor_record) == 192);
 
 static_assert(offsetof(bucket_group_view, unit_size) == offsetof(large_run_view, unit_size));
 static_assert(offsetof(bucket_group_view, group_base) == offsetof(large_run_view, group_base));

@@ -5,31 +5,16 @@
 
 #include "api/entry_names.h"
 #include "bucket/bucket_release.h"
+#include "bucket/group_position.h"
 #include "small/small_class.h"
 
 namespace tarnheap {
 
-group_descriptor_record* in_use_descriptor(uint64_t address, uint32_t* group) {
-    // Below the bucket area the difference wraps to a huge value and fails the bound.
-    uint64_t offset = (address & REGION_OFFSET_MASK) - BUCKET_AREA_OFFSET;
-    if (offset >= BUCKET_AREA_BYTES) return nullptr;
-    uint32_t index = static_cast<uint32_t>(offset / GROUP_BYTES);
-    group_descriptor_record& descriptor = heap_state.group_descriptor[index];
-    // A cached run keeps list links where in-use groups keep their base: a second release of a
-    // block whose run went to the cache fails here and goes on to the other areas.
-    uint64_t base = descriptor.bucket.group_base;
-    if ((base >> SEGMENT_KEY_SHIFT) != (address >> SEGMENT_KEY_SHIFT) ||
-        base != heap_state.bucket_area_base + index * GROUP_BYTES)
-        return nullptr;
-    *group = index;
-    return &descriptor;
-}
-
 void release_outside_small(uint64_t address) {
-    uint32_t group;
-    if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
-        if (descriptor->bucket.unit_size != 0) return release_unit(group, address);
-        if (descriptor->large.run_groups != 0) return release_large_run(group);
+    group_position position = locate_in_use_group(address);
+    if (group_descriptor_record* descriptor = position.descriptor) {
+        if (descriptor->bucket.unit_size != 0) return release_unit(position.group, position.offset);
+        if (descriptor->large.run_groups != 0) return release_large_run(position.group);
     }
     uint64_t zeroed_offset;
     if (in_zeroed_region(address, &zeroed_offset))

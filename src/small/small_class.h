@@ -71,8 +71,10 @@ TARNHEAP_HOT uint64_t take_small_block(unsigned small_class) {
 // Empties a class's stack into its bitmap, leaving depth 0.
 void flush_free_index_stack(unsigned small_class);
 
+// The block offset of an address in the small-block area: its offset from the region base lies
+// below 0xE0000000, so bit 32 of the address is clear and its low 32 bits are that offset.
 TARNHEAP_HOT uint32_t block_offset_of(uint64_t address) {
-    return static_cast<uint32_t>((address & REGION_OFFSET_MASK) >> BLOCK_OFFSET_SHIFT);
+    return static_cast<uint32_t>(address) >> BLOCK_OFFSET_SHIFT;
 }
 
 // Flushes the full stack of the block's class, then pushes the block: it is the only entry left.
