@@ -31,6 +31,11 @@ TARNHEAP_OUT_OF_LINE void* above_small_miss(size_t size) {
     return out_of_memory();
 }
 
+TARNHEAP_OUT_OF_LINE void* large_request(size_t size) {
+    if (void* block = malloc_large(size)) return block;
+    return out_of_memory();
+}
+
 TARNHEAP_COLD void* calloc_miss(size_t count, size_t size) {
     if (void* block = calloc_slow(count, size)) return block;
     return out_of_memory();
@@ -80,7 +85,7 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
     }
     // malloc(0) never returns a block, by design.
     if (size == 0) return out_of_memory();
-    return above_small_miss(size);
+    return large_request(size);
 }
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t size) {

@@ -25,17 +25,19 @@ static_assert(BUCKET_AREA_OFFSET + LAST_COMMIT_CHUNK * COMMIT_CHUNK_BYTES +
 // once: a failed commit is reported, marked done like a successful one and never retried.
 void commit_chunks(uint32_t first_chunk, uint32_t last_chunk);
 
+// Whether the memory of groups first .. first + count - 1 (count at least 1) is committed for
+// sure. Almost always both ends' chunks are done already, which one test of two flags tells for
+// any run shorter than a chunk.
+TARNHEAP_HOT bool groups_committed(uint32_t first, uint32_t count) {
+    return count <= COMMIT_CHUNK_GROUPS &&
+           (heap_state.chunk_committed[first / COMMIT_CHUNK_GROUPS] &
+            heap_state.chunk_committed[(first + count - 1) / COMMIT_CHUNK_GROUPS]) != 0;
+}
+
 // Makes sure the memory of groups first .. first + count - 1 (count at least 1) is committed.
-// Almost always both ends' chunks are done already, which one test of two flags tells for any
-// run shorter than a chunk.
 TARNHEAP_HOT void commit_groups(uint32_t first, uint32_t count) {
-    uint32_t first_chunk = first / COMMIT_CHUNK_GROUPS;
-    uint32_t last_chunk = (first + count - 1) / COMMIT_CHUNK_GROUPS;
-    if (TARNHEAP_LIKELY(count <= COMMIT_CHUNK_GROUPS &&
-                        (heap_state.chunk_committed[first_chunk] &
-                         heap_state.chunk_committed[last_chunk]) != 0))
-        return;
-    commit_chunks(first_chunk, last_chunk);
+    if (TARNHEAP_LIKELY(groups_committed(first, count))) return;
+    commit_chunks(first / COMMIT_CHUNK_GROUPS, (first + count - 1) / COMMIT_CHUNK_GROUPS);
 }
 
 }  // namespace tarnheap

@@ -34,15 +34,10 @@ int64_t claim_long_run(uint64_t* groups) {
     return finder(heap_state.group_bitmap, GROUP_COUNT, groups, &heap_state.group_search_state);
 }
 
-// The first group of a run of the entry's length: the most recently cached one, else a fresh
-// one claimed after the cache has been trimmed, or after it was flushed when that can help.
-int64_t claim_table_run(run_length_choice length) {
+// A fresh run of the entry's length, claimed after the cache has been trimmed, or after it was
+// flushed when that can help.
+int64_t claim_fresh_run(run_length_choice length) {
     run_length_entry& entry = heap_state.run_length_table[length.entry];
-    if (group_descriptor_record* cached = entry.cached_runs) {
-        int64_t first = cached->cached.first_group;
-        cache_take(*cached);
-        return first;
-    }
     if (heap_state.init_state != INIT_READY) return -1;
     cache_trim();
     int64_t first = find_run(entry.finder);
@@ -61,23 +56,48 @@ uint64_t block_start(uint64_t base, uint64_t size, uint64_t groups, alloc_mode m
     return base + OFFSET_STEP * (draw_random() % static_cast<uint32_t>(positions));
 }
 
-}  // namespace
-
-void* run_alloc(uint64_t size, alloc_mode mode) {
-    run_length_choice length = run_length_for((size + GROUP_BYTES - 1) / GROUP_BYTES);
-    int64_t first = length.groups > LONGEST_TABLE_RUN ? claim_long_run(&length.groups)
-                                                      : claim_table_run(length);
-    if (first < 0) return nullptr;
-    uint32_t group = static_cast<uint32_t>(first);
+// Hands out a block in the claimed run of `groups` groups from `group`, its memory committed,
+// and records the run. The mode's work on the block comes last, so that the zero-fill of calloc
+// is a tail call.
+TARNHEAP_HOT void* place_large_block(uint32_t group, uint64_t groups, uint64_t size,
+                                     alloc_mode mode) {
     uint64_t base = heap_state.bucket_area_base + group * GROUP_BYTES;
-    commit_groups(group, static_cast<uint32_t>(length.groups));
-    void* block = hand_out(block_start(base, size, length.groups, mode), size, mode);
+    uint64_t block = block_start(base, size, groups, mode);
     large_run_view& run = heap_state.group_descriptor[group].large;
-    run.run_groups = static_cast<uint32_t>(length.groups);
+    run.run_groups = static_cast<uint32_t>(groups);
     run.group_base = base;
     // A zero unit size is what marks the descriptor as a large run to release and resize.
     run.unit_size = 0;
-    return block;
+    return hand_out(block, size, mode);
+}
+
+// The rare ways to a run: a fresh claim, a run longer than any table length, a first commit.
+TARNHEAP_OUT_OF_LINE void* run_alloc_rare(uint64_t size, alloc_mode mode, run_length_choice length,
+                                          int64_t first) {
+    if (first < 0)
+        first = length.groups > LONGEST_TABLE_RUN ? claim_long_run(&length.groups)
+                                                  : claim_fresh_run(length);
+    if (first < 0) return nullptr;
+    auto group = static_cast<uint32_t>(first);
+    commit_groups(group, static_cast<uint32_t>(length.groups));
+    return place_large_block(group, length.groups, size, mode);
+}
+
+}  // namespace
+
+// The common case, the most recently cached run of the length with its memory committed, makes
+// no call but the zero-fill of calloc.
+void* run_alloc(uint64_t size, alloc_mode mode) {
+    run_length_choice length = run_length_for((size + GROUP_BYTES - 1) / GROUP_BYTES);
+    group_descriptor_record* cached = heap_state.run_length_table[length.entry].cached_runs;
+    // Entry 0 stands for the lengths beyond the table; its list is never used.
+    if (length.groups > LONGEST_TABLE_RUN || cached == nullptr)
+        return run_alloc_rare(size, mode, length, -1);
+    uint32_t group = cached->cached.first_group;
+    cache_take(*cached);
+    if (!groups_committed(group, static_cast<uint32_t>(length.groups)))
+        return run_alloc_rare(size, mode, length, group);
+    return place_large_block(group, length.groups, size, mode);
 }
 
 }  // namespace tarnheap

@@ -44,31 +44,6 @@ void cache_put(group_descriptor_record& run, uint32_t length, unsigned entry) {
         append_by_age(run, heap_state.long_runs_first, heap_state.long_runs_last);
 }
 
-void cache_take(group_descriptor_record& run) {
-    cached_run_view& view = run.cached;
-    heap_state.cached_groups -= view.run_groups;
-    // Only a list's head has no predecessor, and a run's length says which age list holds it.
-    if (view.length_prev != nullptr)
-        view.length_prev->cached.length_next = view.length_next;
-    else
-        *view.length_list = view.length_next;
-    if (view.length_next != nullptr) view.length_next->cached.length_prev = view.length_prev;
-    bool is_long = view.run_groups >= LONG_RUN_MIN;
-    if (view.age_prev != nullptr)
-        view.age_prev->cached.age_next = view.age_next;
-    else
-        (is_long ? heap_state.long_runs_first : heap_state.short_runs_first) = view.age_next;
-    if (view.age_next != nullptr)
-        view.age_next->cached.age_prev = view.age_prev;
-    else
-        (is_long ? heap_state.long_runs_last : heap_state.short_runs_last) = view.age_prev;
-    // These lie under the in-use views' counts and base: a descriptor taken out reads as
-    // neither a bucket group nor a live base until its new view is written.
-    view.length_prev = nullptr;
-    view.length_next = nullptr;
-    view.age_prev = nullptr;
-}
-
 void cache_trim() {
     bool long_list_was_empty = heap_state.long_runs_first == nullptr;
     evict_all(heap_state.long_runs_first);

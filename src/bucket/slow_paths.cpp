@@ -2,7 +2,8 @@
 //
 //   malloc / calloc fast path: a pop from a small class's stack, or a unit claim in the head
 //     group of a bucket class (up to 35328 bytes)
-//   -> malloc_slow / calloc_slow (malloc_above_small for malloc above 256 bytes, from step 2)
+//   -> malloc_slow / calloc_slow (malloc_above_small for malloc above 256 bytes, from step 2;
+//      malloc_large above 35328 bytes, from step 3)
 //        1. small classes: pop, or small_class_refill while the class has blocks never issued
 //        2. bucket_alloc: a unit of a bucket class (small requests overflow into classes 0 to 4)
 //        3. run_alloc: a run of whole groups, through the run cache and the run finders;
@@ -96,6 +97,12 @@ TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
 
 void* malloc_above_small(uint64_t size) {
     if (void* block = allocate_above_small(size, MODE_MALLOC)) return block;
+    return allocate_last_resort(size, MODE_MALLOC);
+}
+
+void* malloc_large(uint64_t size) {
+    if (size <= LARGE_MAX)
+        if (void* block = run_alloc(size, MODE_MALLOC)) return block;
     return allocate_last_resort(size, MODE_MALLOC);
 }
 

@@ -22,6 +22,9 @@ void* allocate_block(uint64_t size, alloc_mode mode);
 // result without their step.
 void* malloc_above_small(uint64_t size);
 
+// The same for a request above 35328 bytes, which only a run of groups or the last resorts serve.
+void* malloc_large(uint64_t size);
+
 // What a request gets when the heap could not serve it: initialisation and a new attempt, the
 // bootstrap arena while initialising, the C runtime's allocator once ready or failed.
 void* allocate_last_resort(uint64_t size, alloc_mode mode);
