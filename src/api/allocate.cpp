@@ -26,8 +26,8 @@ TARNHEAP_COLD void* malloc_miss(size_t size) {
     return out_of_memory();
 }
 
-TARNHEAP_OUT_OF_LINE void* above_small_miss(size_t size) {
-    if (void* block = malloc_above_small(size)) return block;
+TARNHEAP_OUT_OF_LINE void* bucket_miss(unsigned bucket_class, size_t size) {
+    if (void* block = malloc_bucket_miss(bucket_class, size)) return block;
     return out_of_memory();
 }
 
@@ -79,9 +79,10 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
         return popped(stack, size);
     }
     if (size - 1 < BUCKET_MAX) {
-        if (uint64_t block = claim_from_class(bucket_class_of(size)))
+        unsigned bucket_class = bucket_class_of(size);
+        if (uint64_t block = claim_from_class(bucket_class))
             return hand_out(block, size, MODE_MALLOC);
-        return above_small_miss(size);
+        return bucket_miss(bucket_class, size);
     }
     // malloc(0) never returns a block, by design.
     if (size == 0) return out_of_memory();

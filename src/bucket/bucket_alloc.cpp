@@ -43,18 +43,22 @@ uint32_t new_group(unsigned bucket_class) {
 
 }  // namespace
 
+void* bucket_alloc_after_miss(unsigned bucket_class, uint64_t size, alloc_mode mode) {
+    uint32_t group = first_group_with_room(bucket_class);
+    if (group == 0) group = new_group(bucket_class);
+    if (group == 0) return nullptr;
+    uint64_t unit = claim_unit(heap_state.group_descriptor[group].bucket,
+                               heap_state.bucket_class_table[bucket_class].bucket_size);
+    return hand_out(unit, size, mode);
+}
+
 void* bucket_alloc(uint64_t size, alloc_mode mode) {
     unsigned bucket_class = bucket_class_of(size);
     bucket_class_entry& entry = heap_state.bucket_class_table[bucket_class];
-    uint32_t group = entry.group_index;
+    bucket_group_view& head = heap_state.group_descriptor[entry.group_index].bucket;
     // Descriptor 0 never has a free unit, so an empty class falls through here too.
-    if (heap_state.group_descriptor[group].bucket.free_units == 0) {
-        group = first_group_with_room(bucket_class);
-        if (group == 0) group = new_group(bucket_class);
-        if (group == 0) return nullptr;
-    }
-    uint64_t unit = claim_unit(heap_state.group_descriptor[group].bucket, entry.bucket_size);
-    return hand_out(unit, size, mode);
+    if (head.free_units == 0) return bucket_alloc_after_miss(bucket_class, size, mode);
+    return hand_out(claim_unit(head, entry.bucket_size), size, mode);
 }
 
 }  // namespace tarnheap

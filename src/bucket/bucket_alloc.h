@@ -11,6 +11,10 @@ namespace tarnheap {
 // new group. Null when no group can be had, or before the heap is ready and no group exists.
 void* bucket_alloc(uint64_t size, alloc_mode mode);
 
+// The same once the head group of the request's class has been found without a free unit, as
+// the fast paths find it: the class's list is walked, or a new group started.
+void* bucket_alloc_after_miss(unsigned bucket_class, uint64_t size, alloc_mode mode);
+
 // A block of `size` bytes (at most LARGE_MAX) in a run of whole groups. Null when no run can be
 // had or the heap is not ready.
 void* run_alloc(uint64_t size, alloc_mode mode);

@@ -23,15 +23,6 @@ uint32_t first_group_with_room(unsigned bucket_class) {
     return head;
 }
 
-void push_group(unsigned bucket_class, uint32_t group) {
-    uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
-    bucket_group_view& view = group_view(group);
-    view.prev_group = 0;
-    view.next_group = head;
-    if (head != 0) group_view(head).prev_group = group;
-    head = group;
-}
-
 void unlink_group(unsigned bucket_class, uint32_t group) {
     uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
     bucket_group_view& view = group_view(group);

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "state/heap_state.h"
+
 namespace tarnheap {
 
 // Detaches full groups from the head of the class's list until the head has a free unit.
@@ -13,7 +15,14 @@ namespace tarnheap {
 uint32_t first_group_with_room(unsigned bucket_class);
 
 // Puts `group` at the head of its class's list.
-void push_group(unsigned bucket_class, uint32_t group);
+inline void push_group(unsigned bucket_class, uint32_t group) {
+    uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
+    bucket_group_view& view = heap_state.group_descriptor[group].bucket;
+    view.prev_group = 0;
+    view.next_group = head;
+    if (head != 0) heap_state.group_descriptor[head].bucket.prev_group = group;
+    head = group;
+}
 
 // Takes `group` off its class's list and clears its links.
 void unlink_group(unsigned bucket_class, uint32_t group);

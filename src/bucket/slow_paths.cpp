@@ -2,8 +2,8 @@
 //
 //   malloc / calloc fast path: a pop from a small class's stack, or a unit claim in the head
 //     group of a bucket class (up to 35328 bytes)
-//   -> malloc_slow / calloc_slow (malloc_above_small for malloc above 256 bytes, from step 2;
-//      malloc_large above 35328 bytes, from step 3)
+//   -> malloc_slow / calloc_slow (malloc of 257 to 35328 bytes enters at step 2 through
+//      malloc_bucket_miss, larger ones at step 3 through malloc_large)
 //        1. small classes: pop, or small_class_refill while the class has blocks never issued
 //        2. bucket_alloc: a unit of a bucket class (small requests overflow into classes 0 to 4)
 //        3. run_alloc: a run of whole groups, through the run cache and the run finders;
@@ -55,17 +55,13 @@ void* calloc_from_heap(uint64_t total) {
     return nullptr;
 }
 
-void* allocate_above_small(uint64_t size, alloc_mode mode) {
+void* allocate_from_heap(uint64_t size, alloc_mode mode) {
+    if (size <= SMALL_MAX)
+        if (uint64_t block = take_small_block(small_class_for(size))) return as_pointer(block);
     if (size <= BUCKET_MAX)
         if (void* block = bucket_alloc(size, mode)) return block;
     if (size <= LARGE_MAX) return run_alloc(size, mode);
     return nullptr;
-}
-
-void* allocate_from_heap(uint64_t size, alloc_mode mode) {
-    if (size <= SMALL_MAX)
-        if (uint64_t block = take_small_block(small_class_for(size))) return as_pointer(block);
-    return allocate_above_small(size, mode);
 }
 
 }  // namespace
@@ -95,8 +91,9 @@ TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
     return allocate_last_resort(size, mode);
 }
 
-void* malloc_above_small(uint64_t size) {
-    if (void* block = allocate_above_small(size, MODE_MALLOC)) return block;
+void* malloc_bucket_miss(unsigned bucket_class, uint64_t size) {
+    if (void* block = bucket_alloc_after_miss(bucket_class, size, MODE_MALLOC)) return block;
+    if (void* block = run_alloc(size, MODE_MALLOC)) return block;
     return allocate_last_resort(size, MODE_MALLOC);
 }
 

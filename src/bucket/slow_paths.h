@@ -18,9 +18,9 @@ void* calloc_slow(uint64_t count, uint64_t size);
 // block is neither touched nor offset in its run. `size` is not 0.
 void* allocate_block(uint64_t size, alloc_mode mode);
 
-// malloc_slow for a request above 256 bytes, which the small classes never serve: the same
-// result without their step.
-void* malloc_above_small(uint64_t size);
+// malloc_slow for a request of 257 to 35328 bytes whose class's head group has no free unit,
+// as malloc's fast path found it: the same result without the steps that cannot serve it.
+void* malloc_bucket_miss(unsigned bucket_class, uint64_t size);
 
 // The same for a request above 35328 bytes, which only a run of groups or the last resorts serve.
 void* malloc_large(uint64_t size);
