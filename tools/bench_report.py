@@ -145,6 +145,15 @@ class Report:
             self.add("| " + " | ".join(row) + " |")
         self.add()
 
+    def section(self, title, skipped=None):
+        """A heading; False, after the reason, when the section has no figures."""
+        self.add(f"## {title}")
+        self.add()
+        if skipped:
+            self.add(skipped)
+            self.add()
+        return not skipped
+
     def goal(self, name, met, figures):
         """met: True, False, or None when the goal could not be measured (figures say why)."""
         status = {True: "**met**", False: "**missed**", None: "not measured"}[met]
@@ -193,8 +202,7 @@ class Report:
         self.add()
 
     def times(self):
-        self.add("## Synthetic workloads (Linux), processor ns per operation")
-        self.add()
+        self.section("Synthetic workloads (Linux), processor ns per operation")
         summaries = dict(self.results["workloads"])
         rows = []
         for w in self.workloads:
@@ -213,8 +221,7 @@ class Report:
         self.add()
 
     def ratios(self):
-        self.add("## TarnHeap / fastest allocator (Linux)")
-        self.add()
+        self.section("TarnHeap / fastest allocator (Linux)")
         rows = []
         for w in self.workloads:
             values = ratios_to_fastest(self.linux, w, self.peers, "cpu_ns")
@@ -230,8 +237,7 @@ class Report:
         self.add()
 
     def memory(self):
-        self.add("## Peak resident memory (MiB, median)")
-        self.add()
+        self.section("Peak resident memory (MiB, median)")
         rows = []
         for w in self.workloads:
             row = [f"`{w}`"] + [number(self.rss[(w, a)] / 1024, 1) if (w, a) in self.rss
@@ -243,8 +249,7 @@ class Report:
         self.table(["workload"] + self.allocators + ["TarnHeap / glibc"], rows)
 
     def instruction_table(self):
-        self.add("## Heap instructions per operation (callgrind)")
-        self.add()
+        self.section("Heap instructions per operation (callgrind)")
         self.add("Instructions executed inside the allocator's library for the driver's calls "
                  "(inclusive, PLT stubs excluded), from two runs of "
                  f"{self.results['callgrind']['scale']} and twice that of each workload's full "
@@ -267,11 +272,7 @@ class Report:
 
     def hot_path(self):
         hot = self.results["hot_path"]
-        self.add("## TarnHeap's hot path")
-        self.add()
-        if not hot:
-            self.add("Not measured.")
-            self.add()
+        if not self.section("TarnHeap's hot path", None if hot else "Not measured."):
             return
         rows = []
         for w, functions in hot.items():
@@ -298,8 +299,7 @@ class Report:
 
     def programs(self):
         programs = self.results["programs"]
-        self.add("## Real programs (Linux)")
-        self.add()
+        self.section("Real programs (Linux)")
         seconds, rss = self.program_figures("cpu_seconds"), self.program_figures("rss_kib")
         rows = []
         for name in self.program_names:
@@ -363,11 +363,9 @@ class Report:
 
     def windows(self):
         windows = self.results["windows"]
-        self.add("## Windows drivers under Wine, elapsed ns per operation")
-        self.add()
-        if "skipped" in windows:
-            self.add(f"Skipped: {windows['skipped']}.")
-            self.add()
+        skipped = windows.get("skipped")
+        if not self.section("Windows drivers under Wine, elapsed ns per operation",
+                            skipped and f"Skipped: {skipped}."):
             return
         mimalloc = "mimalloc" in self.windows_allocators
         rows = []
@@ -384,18 +382,17 @@ class Report:
         self.table(["workload"] + names + (["TARNHEAP.dll / mimalloc"] if mimalloc else []),
                    rows)
         self.add("msvcrt here is Wine's own C runtime heap, not the heap of Windows: its column "
-                 "is for reference and measures nothing about speed on Windows.")
+                 "is for reference and measures nothing about speed on Windows "
+                 f"({self.results['reps']} repetitions of every workload).")
         self.add("mimalloc is a static mingw build linked into a driver of its own." if mimalloc
                  else f"No mimalloc driver: {windows['mimalloc']['absent']}.")
         self.add()
 
     def variation(self):
         variation = self.results["variation"]
-        self.add("## Process-to-process variation")
-        self.add()
-        if "skipped" in variation:
-            self.add(f"Not measured: {variation['skipped']}.")
-            self.add()
+        skipped = variation.get("skipped")
+        if not self.section("Process-to-process variation",
+                            skipped and f"Not measured: {skipped}."):
             return
         rows = []
         for name, values in variation["samples"].items():
@@ -415,15 +412,13 @@ class Report:
         for entry in self.results["not_measurable"]:
             key = (entry["phase"], entry["allocator"], entry["reason"])
             grouped.setdefault(key, []).append(entry["item"])
-        self.add("## Not measurable")
-        self.add()
-        if not grouped:
-            self.add("None: every peer ran everything.")
-            self.add()
+        if not self.section("Not measurable", None if grouped else
+                            "None: every peer ran everything."):
             return
+        skipped = self.results["callgrind"]["skipped"]
         for (phase, allocator, reason), items in grouped.items():
-            every = phase in ("linux", "callgrind", "windows") and \
-                len(items) == len(self.workloads)
+            attempted = {w for w in self.workloads if phase != "callgrind" or w not in skipped}
+            every = phase in ("linux", "callgrind", "windows") and set(items) >= attempted
             what = "every workload" if every else ", ".join(f"`{item}`" for item in items)
             self.add(f"- {allocator}, {phase}, {what}: {reason}")
         self.add()
@@ -433,28 +428,33 @@ class Report:
 
     def errors(self):
         errors = self.results["errors"]
-        self.add("## Errors")
-        self.add()
+        self.section("Errors")
         self.add("\n".join(f"- {e}" for e in errors) if errors else "None.")
         self.add()
 
     # Goals ----------------------------------------------------------------------------------
 
+    def ratio_goal(self, label, table, workloads, peers, field, meets):
+        """A goal on each workload's ratio TarnHeap / fastest of the peers: meets(ratio)."""
+        figures, met = [], True
+        for w in workloads:
+            values = ratios_to_fastest(table, w, peers, field)
+            if not values:
+                figures.append(f"`{w}` has no figure of TarnHeap and a peer in one repetition")
+                met = None
+                continue
+            ratio = median(values)
+            if met is not None:
+                met = met and meets(ratio)
+            peer = f" ({self.fastest(table, w, peers, field)[1]})" if len(peers) > 1 else ""
+            figures.append(f"`{w}` {ratio:.2f}{peer}")
+        self.goal(label, met, "; ".join(figures))
+
     def speed_goals(self):
         for label, workloads, limit in SPEED_GOALS:
-            figures, met = [], True
-            for w in workloads:
-                values = ratios_to_fastest(self.linux, w, self.peers, "cpu_ns")
-                if not values:
-                    figures.append(f"`{w}` has no TarnHeap and peer figure of one repetition")
-                    met = None
-                    continue
-                ratio = median(values)
-                if met is not None:
-                    met = met and within(ratio, limit)
-                peer = self.fastest(self.linux, w, self.peers, "cpu_ns")[1]
-                figures.append(f"`{w}` {ratio:.2f} ({peer})")
-            self.goal(f"{label}: TarnHeap / fastest at most {limit:.2f}", met, "; ".join(figures))
+            self.ratio_goal(f"{label}: TarnHeap / fastest at most {limit:.2f}", self.linux,
+                            workloads, self.peers, "cpu_ns",
+                            lambda ratio, limit=limit: within(ratio, limit))
 
     def instruction_goal(self):
         figures, met = [], True
@@ -479,18 +479,8 @@ class Report:
             if reason:
                 self.goal(label, None, reason)
                 continue
-            figures, met = [], True
-            for w in workloads:
-                values = ratios_to_fastest(self.windows_table, w, ["mimalloc"], "ns")
-                if not values:
-                    figures.append(f"`{w}` has no figure of both")
-                    met = None
-                    continue
-                ratio = median(values)
-                if met is not None:
-                    met = met and round(ratio, 2) < 1.0
-                figures.append(f"`{w}` {ratio:.2f}")
-            self.goal(label + " (TARNHEAP.dll / mimalloc below 1)", met, "; ".join(figures))
+            self.ratio_goal(label + " (TARNHEAP.dll / mimalloc below 1)", self.windows_table,
+                            workloads, ["mimalloc"], "ns", lambda ratio: round(ratio, 2) < 1.0)
 
     def program_goals(self):
         ratio, complete = self.program_ratio()
@@ -523,8 +513,7 @@ class Report:
         self.instruction_goal()
         self.windows_goals()
         self.program_goals()
-        self.add("## Targets")
-        self.add()
+        self.section("Targets")
         self.table(["goal", "status", "figures"], [list(goal) for goal in self.goals], 3)
         self.add("Ratios are TarnHeap / fastest allocator in the same repetition (Linux "
                  "processor time; elapsed time under Wine), medians over the repetitions.")
