@@ -1,12 +1,19 @@
 #!/bin/sh
 # The benchmark suite in one command: installs what it lacks, builds the Linux preset (and the
-# Windows one), runs every workload under glibc, mimalloc, jemalloc, tcmalloc and TarnHeap, the
-# real programs, the Windows drivers under Wine and the callgrind profiles, and writes
-# build/bench/report.md and build/bench/report.png.
+# Windows one), runs every workload under glibc, the Debian allocators that are installed
+# (mimalloc, jemalloc, tcmalloc), any extra peers and TarnHeap, the real programs, the Windows
+# drivers under Wine and the callgrind profiles, and writes build/bench/report.md and
+# build/bench/report.png.
 #
 # Usage: tools/bench.sh [--quick] [--no-windows]
-#   --quick       short runs and three repetitions (about 4 minutes instead of 10, builds aside)
-#   --no-windows  leave out TARNHEAP.dll under Wine
+#   --quick       short runs and fewer repetitions
+#   --no-windows  leave out the Windows drivers under Wine
+#
+# Optional environment; without it the suite measures what Debian provides:
+#   TARNHEAP_PEERS             extra Linux allocators, NAME=PATH pairs separated by commas, each
+#                              PATH a shared library that replaces malloc when preloaded
+#   TARNHEAP_WINDOWS_MIMALLOC  a folder with a mingw-w64 static build of mimalloc (include/ and
+#                              libmimalloc.a): adds a Windows driver served by it
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -17,7 +24,7 @@ for arg in "$@"; do
     --quick) quick=--quick ;;
     --no-windows) windows=no ;;
     -h | --help)
-        sed -n '2,10s/^# \{0,1\}//p' "$0"
+        sed -n '2,17s/^# \{0,1\}//p' "$0"
         exit 0
         ;;
     *)
@@ -46,15 +53,23 @@ if [ -n "$missing" ]; then
         $missing >/dev/null
 fi
 
+# A malformed TARNHEAP_PEERS stops here, before the builds.
+allocators=$(/usr/bin/python3 tools/peers.py)
+echo "[bench] linux allocators: $allocators" >&2
+
 echo "[bench] building the linux preset" >&2
 cmake --preset linux >/dev/null
 cmake --build --preset linux --target tarnheap workload_driver size_recorder >/dev/null
 windows_option=--no-windows
 if [ "$windows" = yes ]; then
     echo "[bench] building the windows preset" >&2
-    cmake --preset windows >/dev/null
-    cmake --build --preset windows \
-        --target tarnheap_dll workload_driver_msvcrt workload_driver_tarnheap >/dev/null
+    # Given even when empty, so that a folder named by an earlier run does not stay in the cache.
+    mimalloc=${TARNHEAP_WINDOWS_MIMALLOC:-}
+    cmake --preset windows "-DTARNHEAP_WINDOWS_MIMALLOC=$mimalloc" >/dev/null
+    targets="tarnheap_dll workload_driver_msvcrt workload_driver_tarnheap"
+    [ -z "$mimalloc" ] || targets="$targets workload_driver_mimalloc"
+    # shellcheck disable=SC2086
+    cmake --build --preset windows --target $targets >/dev/null
     windows_option=""
 fi
 

@@ -8,6 +8,7 @@ measurement runs with whatever is present.
 """
 
 import os
+import sys
 
 PEERS_VARIABLE = "TARNHEAP_PEERS"
 LIBRARIES = "/usr/lib/x86_64-linux-gnu"
@@ -52,3 +53,20 @@ def linux_allocators(extra_text=None, heap_library=None):
     if heap_library:
         allocators.append((HEAP, heap_library))
     return allocators, missing
+
+
+def main():
+    """Checks TARNHEAP_PEERS and names the Linux allocators a measurement would use."""
+    try:
+        allocators, missing = linux_allocators()
+    except ValueError as error:
+        sys.stderr.write(f"{PEERS_VARIABLE}: {error}\n")
+        return 2
+    print(" ".join(name for name, _ in allocators))
+    if missing:
+        print("not installed: " + " ".join(missing))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
