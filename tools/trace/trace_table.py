@@ -7,7 +7,12 @@ from tabulate import tabulate
 
 # Each platform's rows are compared with its C library's heap.
 BASELINES = {"linux": "glibc", "windows": "msvcrt (Wine)"}
+# Processor time on Linux, which waits for no other work; elapsed time under Wine, whose
+# processor clock counts in steps of 10 ms.
+TIME_FIELDS = {"linux": "processor_seconds", "windows": "seconds"}
 HEAP_ROWS = ("tarnheap", "TARNHEAP.dll (Wine)")
+# The Windows replayers of heaps without the posix_memalign family make those requests as malloc.
+ALIGNED_AS_MALLOC = ("msvcrt (Wine)", "TARNHEAP.dll (Wine)")
 
 
 def summarise(name, platform, runs, instructions):
@@ -17,7 +22,7 @@ def summarise(name, platform, runs, instructions):
            "errors": [run["error"] for run in runs if "error" in run],
            "ns": None, "peak_mib": None, "failures": 0, "damaged": 0, "zero_size_nulls": 0}
     if done:
-        row["ns"] = statistics.median(run["processor_seconds"] / max(run["operations"], 1) * 1e9
+        row["ns"] = statistics.median(run[TIME_FIELDS[platform]] / max(run["operations"], 1) * 1e9
                                       for run in done)
         row["peak_mib"] = statistics.median(
             max(run["peak_rss_kib"] - run["baseline_rss_kib"], 0) / 1024 for run in done)
@@ -50,11 +55,12 @@ def notes(rows, info):
         if row["zero_size_nulls"]:
             lines.append(f"- {row['name']} answered {row['zero_size_nulls']:,} zero-size requests "
                          f"with null, as it does by design: expected, not a failure.")
-        if row["platform"] == "windows" and info["aligned"]:
-            lines.append(f"- {row['name']}: the {info['aligned']:,} aligned requests were made as "
-                         f"malloc, Windows having no posix_memalign family.")
         for error in row["errors"][:1]:
             lines.append(f"- {row['name']}: a replay failed ({error}).")
+    as_malloc = [row["name"] for row in rows if row["name"] in ALIGNED_AS_MALLOC]
+    if as_malloc and info["aligned"]:
+        lines.append(f"- {' and '.join(as_malloc)}: the {info['aligned']:,} aligned requests "
+                     f"were made as malloc, their heaps having no posix_memalign family.")
     if any(row["name"] in HEAP_ROWS for row in rows):
         lines.append("- TarnHeap is the build for measurement with the simulated vendor "
                      "KestrelCores: the heap itself, on any processor.")
@@ -73,7 +79,8 @@ def table(rows, info):
                      tablefmt="github", disable_numparse=True, colalign=("left",) + ("right",) * 5)
     lines = notes(rows, info)
     if any(row["platform"] == "windows" for row in rows):
-        lines.insert(0, "- Under Wine, time is compared with msvcrt's instead of glibc's.")
+        lines.insert(0, "- Under Wine, time is elapsed time (Wine's processor clock counts in "
+                        "10 ms steps), compared with msvcrt's instead of glibc's.")
     return text + ("\n\n" + "\n".join(lines) if lines else "")
 
 
