@@ -71,8 +71,9 @@ def record_replays_the_calls(directory):
         with open(log) as calls:
             expected = calls.read().splitlines()
         actual = numbered(replayed.splitlines())
+        differs = [i for i, (a, e) in enumerate(zip(actual, expected)) if a != e]
         check(actual == expected, f"seed {seed}: the replay differs from the program's calls "
-              f"at call {next((i for i, (a, e) in enumerate(zip(actual, expected)) if a != e), min(len(actual), len(expected)))}")
+              f"at call {(differs + [min(len(actual), len(expected))])[0]}")
         for point in ("1000", str(len(expected))):
             state = heap_map(trace, "--at", point)
             check(state["audit"]["clean"], f"seed {seed}, at {point}: {state['audit']}")
@@ -103,7 +104,8 @@ def map_shows_constructed_state(directory):
     roles = state["groups"]["roles"]
     check((roles["bucket"], roles["large"], roles["cached"]) == (2, 3, 4), roles)
     check(1 <= roles["warm-up"] <= 499, roles)
-    used = {c["class"]: (c["in_use"], c["stacked"]) for c in state["small_classes"] if c["committed"]}
+    used = {c["class"]: (c["in_use"], c["stacked"]) for c in state["small_classes"]
+            if c["committed"]}
     check(used == {18: (3, 1013)}, used)
     groups = sorted((r["class"], r["in_use"], r["units"]) for r in state["groups"]["runs"]
                     if r["role"] == "bucket")

@@ -16,7 +16,7 @@ import argparse
 import json
 import os
 import shutil
-import statistics
+import signal
 import subprocess
 import sys
 import tempfile
@@ -95,7 +95,7 @@ def record(args):
              f"thread, so a trace of a threaded program cannot be replayed on it. No trace "
              f"was written.")
     if info is None:
-        fail(f"{args.output}: {message}")
+        fail(message)
     if info["status"] != 1:
         sys.stderr.write(f"tarnheap-trace: {name} ended without running its exit handlers: "
                          f"the trace ends at its last full buffer\n")
@@ -180,7 +180,7 @@ def replay(args):
     trace = os.path.abspath(args.trace)
     info, _, message = trace_info(trace)
     if info is None:
-        fail(f"{args.trace}: {message}", 2)
+        fail(message, 2)
     allocators = all_allocators(args)
     progress = Progress()
     runs = {allocator[0]: [] for allocator in allocators}
@@ -211,7 +211,7 @@ def draw_map(args):
     command = [HEAP_MAP] + (["--at", str(args.at)] if args.at is not None else []) + [args.trace]
     result = subprocess.run(command, capture_output=True, text=True, env=clean_environment())
     if result.returncode not in (0, 1):
-        fail(f"{args.trace}: {result.stderr.strip()}", 2)
+        fail(result.stderr.strip(), 2)
     data = json.loads(result.stdout)
     data_path = os.path.splitext(args.output)[0] + ".json"
     with open(data_path, "w") as out:
@@ -227,6 +227,8 @@ def draw_map(args):
 
 
 def main():
+    # Output piped into a pager or head ends quietly when the reader stops.
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
     parser = argparse.ArgumentParser(
         prog="tarnheap-trace", description=__doc__.split("\n\n")[0],
         epilog=__doc__.split("\n\n", 2)[2], formatter_class=argparse.RawDescriptionHelpFormatter)

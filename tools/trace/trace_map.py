@@ -98,7 +98,8 @@ def draw_groups(axes, data):
     colours = numpy.ones((shown, 3))
     for run in runs:
         if run["first"] < shown:
-            colours[run["first"]:min(run["first"] + run["groups"], shown)] = group_colour(run, ranks)
+            end = min(run["first"] + run["groups"], shown)
+            colours[run["first"]:end] = group_colour(run, ranks)
     axes.imshow(colours.reshape(shown // GROUPS_PER_ROW, GROUPS_PER_ROW, 3), aspect="auto",
                 interpolation="nearest")
     axes.set_title(f"bucket area: groups 0 to {shown - 1:,} of {data['groups']['count']:,}, "
@@ -108,8 +109,9 @@ def draw_groups(axes, data):
     unit_sizes = {run["class"]: run["unit_size"] for run in runs if run["role"] == "bucket"}
     handles = [Patch(color=bucket_colour(rank), label=f"bucket class {c} ({unit_sizes[c]} B)")
                for c, rank in ranks.items() if rank < 8]
+    cached_lengths = sorted({run["groups"] for run in runs if run["role"] == "cached"})
     handles += [Patch(color=cached_colour(length), label=f"cached run of {length}")
-                for length in sorted({run["groups"] for run in runs if run["role"] == "cached"})[:4]]
+                for length in cached_lengths[:4]]
     handles += [Patch(facecolor=colour, edgecolor="grey", label=role)
                 for role, colour in ROLE_COLOURS.items()]
     axes.legend(handles=handles, fontsize=6, loc="upper left", bbox_to_anchor=(1.01, 1.0))
@@ -148,8 +150,8 @@ def summary(data):
     rounding = f" (+{(handed_out - requested) / requested:.1%})" if requested else ""
     lines = [
         f"after {data['replayed']:,} of {data['operations']:,} calls",
-        "live blocks: " + ", ".join(f"{blocks[area]['blocks']:,} {area.replace('_', ' ')}"
-                                    for area in blocks if blocks[area]["blocks"]),
+        "live blocks: " + (", ".join(f"{blocks[area]['blocks']:,} {area.replace('_', ' ')}"
+                                     for area in blocks if blocks[area]["blocks"]) or "none"),
         f"bytes requested: {requested:,}; handed out: {handed_out:,}{rounding}",
         f"C library's blocks (aligned requests, fallback): {blocks['c_library']['blocks']:,}, "
         f"{blocks['c_library']['requested']:,} bytes",
