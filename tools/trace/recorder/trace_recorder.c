@@ -29,7 +29,7 @@ extern void* __libc_valloc(size_t bytes);
 extern void* __libc_pvalloc(size_t bytes);
 
 enum recorder_mode { MODE_UNSET, MODE_STARTING, MODE_RECORDING, MODE_PASSING };
-enum { BUFFER_BYTES = 1 << 20, FIRST_SLOTS = 1 << 16 };
+enum { BUFFER_BYTES = 1 << 20, FIRST_SLOT_BITS = 16, FIRST_SLOTS = 1 << FIRST_SLOT_BITS };
 
 static int mode;
 static int trace_file = -1;
@@ -88,7 +88,7 @@ static void start(void) {
     const char* path = getenv(TRACE_OUTPUT_VARIABLE);
     trace_file = path == NULL ? -1 : open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     slot_count = FIRST_SLOTS;
-    slot_shift = 64 - 16;
+    slot_shift = 64 - FIRST_SLOT_BITS;
     slots = grow_pages(NULL, 0, slot_count * sizeof *slots);
     if (trace_file < 0 || slots == NULL) {
         mode = MODE_PASSING;
