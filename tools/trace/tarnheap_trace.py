@@ -114,12 +114,20 @@ class Progress:
         self.last = 0.0
 
     def label(self, text):
-        """The label the replayer shows its progress under, or None when it must not."""
+        """Shows `text`; returns it as the label the replayer shows its progress under, or None
+        when the replayer must stay quiet."""
         now = time.monotonic()
-        if not self.tty and now - self.last >= 5:
+        if self.tty:
+            sys.stderr.write(f"\r\033[K[trace] {text}")
+        elif now - self.last >= 5:
             self.last = now
             sys.stderr.write(f"[trace] {text}\n")
+        sys.stderr.flush()
         return text if self.tty else None
+
+    def done(self):
+        if self.tty:
+            sys.stderr.write("\r\033[K")
 
 
 def windows_replayers(build):
@@ -198,6 +206,7 @@ def replay(args):
             progress.label(f"callgrind {allocator[0]}")
             instructions[allocator[0]] = instructions_per_call(allocator, trace,
                                                                info["operations"])
+    progress.done()
     rows = [trace_table.summarise(name, platform, runs[name], instructions.get(name))
             for name, platform, _, _ in allocators]
     print(trace_table.table(rows, info))
