@@ -29,10 +29,11 @@ class _Names:
         return self.by_id.get(ident, "???")
 
 
-def outgoing_calls(path, caller_object):
+def outgoing_calls(path, caller_object, caller_function=None):
     """Returns {callee name: [calls, inclusive Ir]} over every call made by code of the object
     whose path contains `caller_object` into code of any other object, except the program
-    entry's call of the C library's start-up."""
+    entry's call of the C library's start-up; only calls made by functions whose name contains
+    `caller_function`, when it is given."""
     objects, functions, files = _Names(), _Names(), _Names()
     positions = 1
     ir_index = 0
@@ -51,6 +52,7 @@ def outgoing_calls(path, caller_object):
                 target = call_object if call_object is not None else current_object
                 if (caller_object in current_object and caller_object not in target
                         and caller not in _PROGRAM_ENTRIES
+                        and (caller_function is None or caller_function in caller)
                         and not call_function.startswith("__libc_start_main")):
                     entry = result.setdefault(call_function, [0, 0])
                     entry[0] += pending_calls
