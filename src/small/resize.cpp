@@ -11,6 +11,7 @@
 #include "small/release.h"
 #include "small/short_copy.h"
 #include "small/small_class.h"
+#include "small/usable_size.h"
 
 namespace tarnheap {
 namespace {
@@ -24,34 +25,13 @@ void* resize_allocate(uint64_t size) {
 }
 
 void* resize_small(void* block, unsigned small_class, uint64_t size) {
-    uint64_t old_size = 4 * uint64_t{heap_state.small_class_head[small_class].units};
+    uint64_t old_size = small_usable_size(small_class);
     if (old_size >= size) return block;
     void* moved = resize_allocate(size);
     if (moved == nullptr) return out_of_memory();
     short_copy(moved, block, old_size);
     push_small_block(small_class, reinterpret_cast<uint64_t>(block));
     return moved;
-}
-
-// The usable size of a block outside the small classes, 0 when the heap does not own it.
-uint64_t usable_size(uint64_t address) {
-    uint32_t group;
-    if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
-        if (descriptor->bucket.unit_size != 0) return descriptor->bucket.unit_size;
-        // A descriptor that is neither a group nor a run means a block the heap does not own.
-        if (descriptor->large.run_groups == 0) return 0;
-        return descriptor->large.run_groups * GROUP_BYTES -
-               (address - descriptor->large.group_base);
-    }
-    if (in_bootstrap_arena(address)) {
-        uint64_t piece;
-        std::memcpy(&piece, reinterpret_cast<void*>(address - BOOTSTRAP_HEADER), sizeof piece);
-        return piece - BOOTSTRAP_HEADER;
-    }
-    uint64_t zeroed_offset;
-    if (!in_zeroed_region(address, &zeroed_offset)) return 0;
-    return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]}
-           << ZEROED_SLOT_SHIFT;
 }
 
 bool stays_in_place(uint64_t old_size, uint64_t size) {
@@ -94,7 +74,7 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t siz
     }
     int small_class = small_class_owning(address);
     if (small_class >= 0) return resize_small(block, static_cast<unsigned>(small_class), size);
-    uint64_t old_size = usable_size(address);
+    uint64_t old_size = usable_size_outside_small(address);
     if (old_size == 0) return resize_foreign(block, size);
     if (in_bootstrap_arena(address) && old_size >= size) return block;
     return resize_owned(block, old_size, size);
