@@ -61,7 +61,8 @@ using namespace tarnheap;
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t size) {
     if (block == nullptr) {
-        // As malloc: a request for 0 bytes never gets a block.
+        // As malloc: a request for 0 bytes never gets a block, but for a byte in the drop-in.
+        if constexpr (LINUX_DROP_IN) size += size == 0;
         void* fresh = size != 0 ? resize_allocate(size) : nullptr;
         return fresh != nullptr ? fresh : out_of_memory();
     }
@@ -70,6 +71,8 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t siz
     // request for nothing.
     if (size == 0) {
         release_block(address);
+        // The drop-in answers as the C library does: null, with errno as it was.
+        if constexpr (LINUX_DROP_IN) return nullptr;
         return out_of_memory();
     }
     int small_class = small_class_owning(address);

@@ -1,6 +1,6 @@
 // How many bytes a block the heap handed out can hold, read from its address alone by the same
-// area tests as release: resize decides with it whether a block stays. Inline, so that resize
-// keeps it on its own path.
+// area tests as release: resize decides with it whether a block stays, and the Linux drop-in's
+// malloc_usable_size answers with it. Inline, so that resize keeps it on its own path.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +37,13 @@ inline uint64_t usable_size_outside_small(uint64_t address) {
     if (!in_zeroed_region(address, &zeroed_offset)) return 0;
     return uint64_t{heap_state.zeroed_run_length[zeroed_offset >> ZEROED_SLOT_SHIFT]}
            << ZEROED_SLOT_SHIFT;
+}
+
+// The usable size of any block the heap owns, 0 for every other address.
+inline uint64_t usable_size(uint64_t address) {
+    int small_class = small_class_owning(address);
+    if (small_class >= 0) return small_usable_size(static_cast<unsigned>(small_class));
+    return usable_size_outside_small(address);
 }
 
 }  // namespace tarnheap
