@@ -1,8 +1,9 @@
-# tarnheap_add_library(<name> KIND <STATIC|SHARED|DLL> [PREFIXED] [SEAMS] [VENDOR <string>])
+# tarnheap_add_library(<name> KIND <STATIC|SHARED|DLL> [PREFIXED] [SEAMS] [DROP_IN]
+#                      [VENDOR <string>])
 #
 # Every artefact of the heap is compiled from the same sources; variants differ only in the
-# constants of src/state/build_config.h (entry names, test seams, simulated vendor) and in the
-# platform layer, which the target platform chooses.
+# constants of src/state/build_config.h (entry names, test seams, simulated vendor, the Linux
+# drop-in) and in the platform layer, which the target platform chooses.
 file(GLOB TARNHEAP_PORTABLE_SOURCES CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/src/state/*.cpp ${PROJECT_SOURCE_DIR}/src/api/*.cpp
      ${PROJECT_SOURCE_DIR}/src/small/*.cpp ${PROJECT_SOURCE_DIR}/src/bucket/*.cpp
@@ -18,12 +19,16 @@ else()
 endif()
 
 # The heap runs inside other programs' allocations: no exceptions, no RTTI, nothing exported
-# but the five entry points, and calls among its own functions bound at link time.
+# but the entry points, and calls among its own functions bound at link time.
 set(TARNHEAP_LIBRARY_OPTIONS -fno-exceptions -fno-rtti -fno-stack-protector -fvisibility=hidden)
 
 function(tarnheap_add_library name)
-  cmake_parse_arguments(arg "PREFIXED;SEAMS" "KIND;VENDOR" "" ${ARGN})
+  cmake_parse_arguments(arg "PREFIXED;SEAMS;DROP_IN" "KIND;VENDOR" "" ${ARGN})
   set(sources ${TARNHEAP_PORTABLE_SOURCES} ${TARNHEAP_PLATFORM_SOURCES})
+  if(NOT arg_DROP_IN)
+    # The C library's further allocation functions, for LD_PRELOAD into Linux programs only.
+    list(FILTER sources EXCLUDE REGEX "/api/drop_in_entries\\.cpp$")
+  endif()
   if(NOT arg_PREFIXED)
     # The self-check serves tests and investigations, which link the embeddable library; the
     # shared libraries would only carry it.
@@ -52,7 +57,8 @@ function(tarnheap_add_library name)
   target_compile_definitions(${name} PRIVATE
                              TARNHEAP_SIMULATED_VENDOR="${arg_VENDOR}"
                              TARNHEAP_TEST_SEAMS=$<BOOL:${arg_SEAMS}>
-                             TARNHEAP_PREFIXED=$<BOOL:${arg_PREFIXED}>)
+                             TARNHEAP_PREFIXED=$<BOOL:${arg_PREFIXED}>
+                             TARNHEAP_LINUX_DROP_IN=$<BOOL:${arg_DROP_IN}>)
   if(arg_PREFIXED)
     target_compile_definitions(${name} INTERFACE TARNHEAP_EMBED)
   endif()

@@ -1,7 +1,9 @@
 /* TarnHeap: a single-threaded replacement heap.
  *
  * TARNHEAP.dll and libtarnheap.so export malloc, calloc, realloc, free and mallopt under their
- * standard names. The embeddable static library (define TARNHEAP_EMBED before including this
+ * standard names; libtarnheap.so, which Linux programs preload, also exports glibc's other
+ * allocation functions and answers as glibc does where programs rely on it (see the README).
+ * The embeddable static library (define TARNHEAP_EMBED before including this
  * header) names them tarnheap_malloc, tarnheap_calloc, tarnheap_realloc, tarnheap_free and
  * tarnheap_mallopt, so that a program keeps its own malloc beside them. */
 #ifndef TARNHEAP_H

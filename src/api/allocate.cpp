@@ -41,6 +41,18 @@ TARNHEAP_COLD void* calloc_miss(size_t count, size_t size) {
     return out_of_memory();
 }
 
+// A request for nothing never gets a block, by design. Programs written for the C library take
+// that null for exhaustion, so the Linux drop-in serves the request as one for a byte.
+TARNHEAP_COLD void* malloc_of_nothing() {
+    if constexpr (LINUX_DROP_IN) return malloc_miss(1);
+    return out_of_memory();
+}
+
+TARNHEAP_COLD void* calloc_of_nothing() {
+    if constexpr (LINUX_DROP_IN) return calloc_miss(1, 1);
+    return out_of_memory();
+}
+
 // A unit of bucket class j from its head group, or 0 when the group has none free (group 0,
 // the absence of a group, never has).
 TARNHEAP_HOT uint64_t claim_from_class(unsigned bucket_class) {
@@ -84,15 +96,22 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
             return hand_out(block, size, MODE_MALLOC);
         return bucket_miss(bucket_class, size);
     }
-    // malloc(0) never returns a block, by design.
-    if (size == 0) return out_of_memory();
+    if (size == 0) return malloc_of_nothing();
     return large_request(size);
 }
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(calloc)(size_t count, size_t size) {
-    if (count == 0 || size == 0) return out_of_memory();
+    if (count == 0 || size == 0) return calloc_of_nothing();
     // Unchecked and wrapping, as designed: a wrapped product is served for its wrapped value.
-    uint64_t total = (uint64_t{count} * size + 15) & ~uint64_t{15};
+    // Linux programs check their own arithmetic by it, so the drop-in refuses a product that
+    // wraps, and one that rounding up to 16 bytes wraps to 0. Two flag tests, in the drop-in only.
+    uint64_t product;
+    bool wrapped = __builtin_mul_overflow(count, size, &product);
+    if constexpr (LINUX_DROP_IN)
+        if (wrapped) return out_of_memory();
+    uint64_t total = (product + 15) & ~uint64_t{15};
+    if constexpr (LINUX_DROP_IN)
+        if (total == 0) return out_of_memory();
     uint64_t block;
     if (total <= SMALL_MAX) {
         if (!pop_small_block(stack_of(CALLOC_CLASS_TABLE.small_class[total >> 4]), block))

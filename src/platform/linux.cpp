@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/drop_in_fallbacks.h"
 #include "platform/platform.h"
 #include "state/heap_state.h"
 
@@ -135,6 +136,18 @@ void print_to_standard_error(const char* format, va_list arguments) {
     std::vfprintf(stderr, format, arguments);
 }
 
+constinit drop_in_fallbacks_record drop_in_fallbacks{};
+
+namespace {
+
+// This library's own names shadow the C library's: take the next ones in search order.
+template <typename entry_type>
+void load_next(entry_type& entry, const char* name) {
+    entry = reinterpret_cast<entry_type>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
 void load_fallbacks() {
     if constexpr (PREFIXED_ENTRIES) {
         heap_state.fallback_free = &::free;
@@ -142,14 +155,16 @@ void load_fallbacks() {
         heap_state.fallback_calloc = &::calloc;
         heap_state.fallback_realloc = &::realloc;
     } else {
-        // This library's own names shadow the C library's: take the next ones in search order.
-        heap_state.fallback_free = reinterpret_cast<void (*)(void*)>(dlsym(RTLD_NEXT, "free"));
-        heap_state.fallback_malloc =
-            reinterpret_cast<void* (*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
-        heap_state.fallback_calloc =
-            reinterpret_cast<void* (*)(size_t, size_t)>(dlsym(RTLD_NEXT, "calloc"));
-        heap_state.fallback_realloc =
-            reinterpret_cast<void* (*)(void*, size_t)>(dlsym(RTLD_NEXT, "realloc"));
+        load_next(heap_state.fallback_free, "free");
+        load_next(heap_state.fallback_malloc, "malloc");
+        load_next(heap_state.fallback_calloc, "calloc");
+        load_next(heap_state.fallback_realloc, "realloc");
+    }
+    if constexpr (LINUX_DROP_IN) {
+        load_next(drop_in_fallbacks.malloc_usable_size, "malloc_usable_size");
+        load_next(drop_in_fallbacks.posix_memalign, "posix_memalign");
+        load_next(drop_in_fallbacks.valloc, "valloc");
+        load_next(drop_in_fallbacks.pvalloc, "pvalloc");
     }
 }
 

@@ -31,7 +31,8 @@ bool platform_virtual_free(void* address, uint64_t size, uint32_t type);
 uint32_t platform_last_error();
 
 // Fills the state's four fallback entries from the platform C runtime ("msvcrt.dll" on
-// Windows); a missing runtime or name leaves its entry null. May re-enter the heap.
+// Windows), and in the Linux drop-in drop_in_fallbacks too; a missing runtime or name leaves its
+// entry null. May re-enter the heap.
 void load_fallbacks();
 
 // The C runtime's formatted print to its standard error stream (msvcrt's on Windows, which

@@ -25,7 +25,7 @@ void* resize_allocate(uint64_t size) {
 }
 
 void* resize_small(void* block, unsigned small_class, uint64_t size) {
-    uint64_t old_size = 4 * uint64_t{heap_state.small_class_head[small_class].units};
+    uint64_t old_size = small_usable_size(small_class);
     if (old_size >= size) return block;
     void* moved = resize_allocate(size);
     if (moved == nullptr) return out_of_memory();
@@ -61,7 +61,8 @@ using namespace tarnheap;
 
 extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t size) {
     if (block == nullptr) {
-        // As malloc: a request for 0 bytes never gets a block.
+        // As malloc: a request for 0 bytes never gets a block, but for a byte in the drop-in.
+        if constexpr (LINUX_DROP_IN) size += size == 0;
         void* fresh = size != 0 ? resize_allocate(size) : nullptr;
         return fresh != nullptr ? fresh : out_of_memory();
     }
@@ -70,11 +71,13 @@ extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(realloc)(void* block, size_t siz
     // request for nothing.
     if (size == 0) {
         release_block(address);
+        // The drop-in answers as the C library does: null, with errno as it was.
+        if constexpr (LINUX_DROP_IN) return nullptr;
         return out_of_memory();
     }
     int small_class = small_class_owning(address);
     if (small_class >= 0) return resize_small(block, static_cast<unsigned>(small_class), size);
-    uint64_t old_size = usable_size(address);
+    uint64_t old_size = usable_size_outside_small(address);
     if (old_size == 0) return resize_foreign(block, size);
     if (in_bootstrap_arena(address) && old_size >= size) return block;
     return resize_owned(block, old_size, size);

@@ -12,6 +12,9 @@
 #ifndef TARNHEAP_PREFIXED
 #define TARNHEAP_PREFIXED 0
 #endif
+#ifndef TARNHEAP_LINUX_DROP_IN
+#define TARNHEAP_LINUX_DROP_IN 0
+#endif
 
 namespace tarnheap {
 
@@ -28,5 +31,12 @@ inline constexpr bool TEST_SEAMS = TARNHEAP_TEST_SEAMS;
 // The embeddable library names its entry points tarnheap_malloc and so on and falls back on the
 // C library it is linked with; the shared libraries use the standard names.
 inline constexpr bool PREFIXED_ENTRIES = TARNHEAP_PREFIXED;
+
+// The Linux shared library stands in for the C library's allocator in programs written for it,
+// which take a null result for exhaustion and call the rest of its allocation functions: there,
+// and only there, requests for nothing get a block, calloc refuses a product that overflows, and
+// the aligned allocators, reallocarray and malloc_usable_size are exported too.
+inline constexpr bool LINUX_DROP_IN = TARNHEAP_LINUX_DROP_IN;
+static_assert(!LINUX_DROP_IN || !PREFIXED_ENTRIES, "the drop-in uses the standard names");
 
 }  // namespace tarnheap

@@ -1,46 +1,43 @@
 #!/bin/sh
-# run_program.sh LIBRARY PROGRAM JOB: runs one of Debian's single-threaded programs on a job
-# twice, on its own and with the heap preloaded, both without address-space randomisation (the
-# heap's 8 GiB hint must be free), and fails unless the outputs are the same. A probe run checks
-# that the preloaded heap did serve the program: its region is mapped at the hint.
+# run_program.sh LIBRARY PROBE INPUT PROGRAM [ARGUMENT...]: runs one of Debian's single-threaded
+# programs, with INPUT as its standard input, twice: on its own and with the heap preloaded, both
+# without address-space randomisation (the heap's 8 GiB hint must be free). Fails unless both
+# runs print the same and end with the same status. The probe library, preloaded into both runs,
+# tells whether the heap served the program: the preloaded run must be served, the plain one not.
 set -eu
 library=$1
-program=$2
-job=$3
+probe=$2
+input=$3
+shift 3
+job="$*"
+report=$(mktemp)
+plain=$(mktemp)
+preloaded=$(mktemp)
+trap 'rm -f "$report" "$plain" "$preloaded"' EXIT
 
-job_of() {
-    case $program in
-        sqlite3) "$@" sqlite3 :memory: <"$job" ;;
-        gawk) "$@" gawk -f "$job" ;;
-        *) "$@" "$program" "$job" ;;
-    esac
+# run PRELOAD PROGRAM [ARGUMENT...]: the program's output and exit status, then what the probe
+# reported, with PRELOAD in front of the probe.
+run() {
+    libraries="$1$probe"
+    shift
+    : >"$report"
+    status=0
+    setarch -R env LD_PRELOAD="$libraries" TARNHEAP_PROBE_REPORT="$report" "$@" <"$input" ||
+        status=$?
+    echo "exit status $status"
+    served=$(cat "$report")
 }
 
-probe_of() {
-    case $program in
-        lua5.4) "$@" lua5.4 -e 'for l in io.lines("/proc/self/maps") do
-                                    if l:find("^7f0000000000%-") then print("served") end end' ;;
-        gawk) "$@" gawk '/^7f0000000000-/ { print "served" }' /proc/self/maps ;;
-        perl) "$@" perl -ne 'print "served\n" if /^7f0000000000-/' /proc/self/maps ;;
-        # The shell's parent is the program itself; grep runs on its own (it takes the null
-        # that malloc(0) returns by design for exhaustion).
-        sqlite3) "$@" sqlite3 :memory: ".shell LD_PRELOAD= grep -q '^7f0000000000-' /proc/\$PPID/maps && echo served" ;;
-    esac
-}
-
-plain() { setarch -R "$@"; }
-preloaded() { setarch -R env LD_PRELOAD="$library" "$@"; }
-
-[ "$(probe_of preloaded)" = served ] || { echo "the preloaded heap did not serve $program"; exit 1; }
-[ -z "$(probe_of plain 2>/dev/null)" ] || { echo "the probe is wrong: $program on its own has the region"; exit 1; }
-
-expected=$(job_of plain)
-actual=$(job_of preloaded)
-if [ "$expected" != "$actual" ]; then
-    echo "$program $(basename "$job"): the output differs with the heap preloaded"
-    printf '%s\n' "$expected" >"${TMPDIR:-/tmp}/expected.$$"
-    printf '%s\n' "$actual" | diff "${TMPDIR:-/tmp}/expected.$$" - || true
-    rm -f "${TMPDIR:-/tmp}/expected.$$"
+run "" "$@" >"$plain"
+plain_served=$served
+run "$library " "$@" >"$preloaded"
+if ! cmp -s "$plain" "$preloaded"; then
+    diff "$plain" "$preloaded" | head -n 40
+    echo "$job: the output differs with the heap preloaded"
     exit 1
 fi
-echo "$program $(basename "$job"): $(printf '%s\n' "$actual" | wc -l) lines, the same"
+if [ "$served" != served ] || [ "$plain_served" != "not served" ]; then
+    echo "$job: the probe reports \"$served\" with the heap, \"$plain_served\" without"
+    exit 1
+fi
+echo "$job: $(wc -l <"$plain") lines, the same"

@@ -75,10 +75,7 @@ block_area area_of(uint64_t address) {
 }
 
 uint64_t handed_out(uint64_t address, block_area area) {
-    if (area == C_LIBRARY) return 0;
-    int small_class = small_class_owning(address);
-    if (small_class >= 0) return heap_state.small_class[small_class].block_size;
-    return usable_size(address);
+    return area == C_LIBRARY ? 0 : usable_size(address);
 }
 
 void print_blocks(const replay_block* blocks, uint64_t identities) {
