@@ -4,7 +4,7 @@ set -eu
 
 packages="cmake make g++ googletest libgtest-dev libbenchmark-dev g++-mingw-w64-x86-64-posix
           wine wine64 qemu-user util-linux clang libclang-rt-14-dev lua5.4 gawk sqlite3 perl
-          llvm"
+          lld llvm pkgconf dpkg-dev file"
 missing=""
 for package in $packages; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
