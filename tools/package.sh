@@ -9,4 +9,4 @@ tools/setup-debian.sh
 for preset in linux-release windows-release; do
     cmake --workflow --preset "$preset"
 done
-ls build/packages
+ls build/packages/*.zip build/packages/*.tar.gz build/packages/*.deb
