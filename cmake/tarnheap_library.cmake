@@ -14,6 +14,12 @@ set(TARNHEAP_PLATFORM_SOURCES
     ${PROJECT_SOURCE_DIR}/src/platform/seams.cpp)
 if(WIN32)
   list(APPEND TARNHEAP_PLATFORM_SOURCES ${PROJECT_SOURCE_DIR}/src/platform/windows.cpp)
+  # Every DLL carries the project's version, product and description in its version resource.
+  # The resource compiler takes none of the C and C++ options.
+  enable_language(RC)
+  configure_file(${PROJECT_SOURCE_DIR}/src/tarnheap.rc.in ${PROJECT_BINARY_DIR}/tarnheap.rc @ONLY)
+  add_library(tarnheap_version_resource OBJECT ${PROJECT_BINARY_DIR}/tarnheap.rc)
+  set_target_properties(tarnheap_version_resource PROPERTIES COMPILE_OPTIONS "")
 else()
   list(APPEND TARNHEAP_PLATFORM_SOURCES ${PROJECT_SOURCE_DIR}/src/platform/linux.cpp)
 endif()
@@ -36,7 +42,8 @@ function(tarnheap_add_library name)
   endif()
   if(arg_KIND STREQUAL "DLL")
     add_library(${name} SHARED ${sources} ${PROJECT_SOURCE_DIR}/src/platform/dll_entry.cpp
-                                          ${PROJECT_SOURCE_DIR}/src/tarnheap.def)
+                                          ${PROJECT_SOURCE_DIR}/src/tarnheap.def
+                                          $<TARGET_OBJECTS:tarnheap_version_resource>)
     set_target_properties(${name} PROPERTIES OUTPUT_NAME TARNHEAP PREFIX "" SUFFIX ".dll")
     # The load-time entry is the heap's own: the C runtime's DLL start-up code would run
     # constructors and allocate, and the heap has neither. The compiler's runtime is linked in
@@ -52,7 +59,7 @@ function(tarnheap_add_library name)
   endif()
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   target_compile_options(${name} PRIVATE ${TARNHEAP_LIBRARY_OPTIONS})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/include
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                              PRIVATE ${PROJECT_SOURCE_DIR}/src)
   target_compile_definitions(${name} PRIVATE
                              TARNHEAP_SIMULATED_VENDOR="${arg_VENDOR}"

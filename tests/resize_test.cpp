@@ -102,9 +102,10 @@ TEST_F(resize, a_bootstrap_block_stays_while_it_fits_and_moves_otherwise) {
     heap_state.init_state = INIT_RUNNING;  // white-box: a request made during initialisation
     void* block = tarnheap_malloc(100);    // a 128-byte piece: 112 usable bytes
     heap_state.init_state = INIT_NONE;
-    fill(block, 112, 9);
-    EXPECT_EQ(tarnheap_realloc(block, 112), block);
-    EXPECT_EQ(tarnheap_realloc(block, 10), block);
+    void* grown = tarnheap_realloc(block, 112);
+    EXPECT_EQ(grown, block);
+    fill(grown, 112, 9);
+    EXPECT_EQ(tarnheap_realloc(grown, 10), block);
     void* moved = tarnheap_realloc(block, 113);
     EXPECT_NE(moved, block);
     EXPECT_TRUE(holds(moved, 112, 9));

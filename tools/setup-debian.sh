@@ -4,7 +4,8 @@ set -eu
 
 packages="cmake make g++ googletest libgtest-dev libbenchmark-dev g++-mingw-w64-x86-64-posix
           wine wine64 qemu-user util-linux clang libclang-rt-14-dev lua5.4 gawk sqlite3 perl
-          python3-matplotlib python3-tabulate sed grep jq file python3 libpython3.11-testsuite"
+          python3-matplotlib python3-tabulate sed grep jq file python3 libpython3.11-testsuite
+          lld llvm pkgconf dpkg-dev"
 missing=""
 for package in $packages; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

@@ -462,7 +462,9 @@ class heap_model {
             count = op.pick % 2 == 0 ? uint64_t{1} << 63 : (uint64_t{1} << 60) + 1;
             size = op.pick % 2 == 0 ? 2 : 16;
         }
-        void* result = tarnheap_calloc(count, size);
+        // Hidden from the compiler, which would reject the products that wrap on purpose.
+        volatile uint64_t opaque_count = count;
+        void* result = tarnheap_calloc(opaque_count, size);
         uint64_t product = count * size;
         uint64_t owned = count == 0 || size == 0 ? 0 : (product == 0 ? 4 : product);
         accept(op.kind, result, owned, (product + 15) & ~uint64_t{15}, product != 0);
