@@ -26,6 +26,9 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${CPACK_PACKAGE_VENDOR})
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TARNHEAP_PACKAGE_NAME tarnheap)
+# What tarnheap-trace draws and tabulates with, and counts instructions with; the library
+# itself needs none of them.
+set(CPACK_DEBIAN_TARNHEAP_PACKAGE_RECOMMENDS "python3, python3-matplotlib, python3-tabulate, valgrind")
 set(CPACK_DEBIAN_DEBUG_PACKAGE_NAME tarnheap-dbg)
 set(CPACK_DEBIAN_DEBUG_PACKAGE_SECTION debug)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
