@@ -43,11 +43,12 @@ checked_block find_small(uint64_t address, unsigned small_class) {
     if (address < descriptor.first_block ||
         offset >= uint64_t{descriptor.capacity} * descriptor.block_size)
         return unused(address, unused_place::small_segment, small_class);
-    uint64_t index = offset / descriptor.block_size;
+    uint64_t index = small_block_index(small_class, address);
     checked_block block =
         found(address, block_area::small, descriptor.first_block + index * descriptor.block_size,
               descriptor.block_size);
     block.class_index = small_class;
+    block.group = static_cast<uint32_t>(index);
     small_entry entry = shadow_read<small_entry>(small_entry_offset(small_class, index));
     if (entry != 0) block.requested = entry & SMALL_REQUESTED;
     if (block.problem == nullptr && (entry & SMALL_HANDED_OUT) == 0)

@@ -38,7 +38,8 @@ struct checked_block {
     uint64_t usable;       // bytes from `start` to the end of what serves the block
     uint64_t requested;    // bytes asked for when it was last handed out, or UNKNOWN_REQUEST
     uint32_t class_index;  // small or bucket class, or UNKNOWN_CLASS
-    uint32_t group;        // the unit's group, the run's first group, the zeroed block's slot
+    uint32_t group;        // the small block's index, the unit's group, the run's first group, the
+                           // zeroed block's slot
     uint32_t groups;       // the run's groups, the zeroed block's slots
 };
 

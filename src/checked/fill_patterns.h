@@ -17,15 +17,25 @@ inline constexpr uint8_t GUARD_BYTE = 0xfb;
 inline constexpr uint64_t CHECKED_BYTES_MAX = 0x10000;
 
 // The offset of the first byte of the `length` bytes at `address` that is not `expected`, or
-// `length` when there is none.
+// `length` when there is none. Whole 64-byte spans are compared first, in a way the compiler
+// turns into vector instructions: released blocks of 64 KiB are read on every hand-out.
 inline uint64_t first_changed_byte(uint64_t address, uint64_t length, uint8_t expected) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(address);
     uint64_t pattern = 0x0101010101010101 * expected;
     uint64_t at = 0;
+    for (; at + 64 <= length; at += 64) {
+        uint64_t differences = 0;
+        for (unsigned word = 0; word < 8; ++word) {
+            uint64_t value;
+            std::memcpy(&value, bytes + at + 8 * word, sizeof value);
+            differences |= value ^ pattern;
+        }
+        if (differences != 0) break;
+    }
     for (; at + 8 <= length; at += 8) {
-        uint64_t word;
-        std::memcpy(&word, bytes + at, sizeof word);
-        if (word != pattern) break;
+        uint64_t value;
+        std::memcpy(&value, bytes + at, sizeof value);
+        if (value != pattern) break;
     }
     for (; at < length; ++at)
         if (bytes[at] != expected) return at;

@@ -16,14 +16,16 @@ uint64_t granule_address(uint64_t granule) {
 }
 
 // Every granule of [first, end) that was marked as filled must still hold the fill; the marks
-// go, whatever the block's role was when they were made.
+// go, whatever the block's role was when they were made. Marked granules come in runs, each
+// compared in one go.
 void check_filled_granules(const checked_block& block, uint64_t first, uint64_t end) {
-    for (uint64_t granule = next_filled_granule(first, end); granule < end;
-         granule = next_filled_granule(granule + 1, end)) {
-        uint64_t at = granule_address(granule);
-        uint64_t changed = first_changed_byte(at, GRANULE_BYTES, RELEASED_BYTE);
-        if (changed < GRANULE_BYTES)
-            stop_for_write(WRITE_AFTER_RELEASE, block, at - block.start + changed);
+    for (uint64_t run = next_filled_granule(first, end); run < end;) {
+        uint64_t run_end = next_unfilled_granule(run, end);
+        uint64_t at = granule_address(run);
+        uint64_t bytes = (run_end - run) << GRANULE_SHIFT;
+        uint64_t changed = first_changed_byte(at, bytes, RELEASED_BYTE);
+        if (changed < bytes) stop_for_write(WRITE_AFTER_RELEASE, block, at - block.start + changed);
+        run = run_end < end ? next_filled_granule(run_end, end) : end;
     }
     clear_filled_granules(first, end);
 }
@@ -39,17 +41,11 @@ checked_block block_in_area(block_area area, uint64_t start, uint64_t usable) {
     return block;
 }
 
-uint64_t small_block_index(unsigned small_class, uint64_t block) {
-    const small_class_record& descriptor = heap_state.small_class[small_class];
-    return (block - descriptor.first_block) / descriptor.block_size;
-}
-
 // The bytes asked for, in the record the block's area keeps.
 void set_requested(const checked_block& block, uint64_t requested) {
     switch (block.area) {
         case block_area::small:
-            shadow_write<small_entry>(small_entry_offset(
-                block.class_index, small_block_index(block.class_index, block.start))) =
+            shadow_write<small_entry>(small_entry_offset(block.class_index, block.group)) =
                 static_cast<small_entry>(SMALL_HANDED_OUT | requested);
             return;
         case block_area::unit:

@@ -18,12 +18,6 @@ void fill_granules(uint64_t start, uint64_t bytes) {
     mark_filled_granules(granule_of(start), granule_of(start + bytes));
 }
 
-uint64_t small_entry_offset_of(const checked_block& block) {
-    const small_class_record& descriptor = heap_state.small_class[block.class_index];
-    return small_entry_offset(block.class_index,
-                              (block.start - descriptor.first_block) / descriptor.block_size);
-}
-
 }  // namespace
 
 checked_block check_release(uint64_t address) {
@@ -43,7 +37,7 @@ void record_release(const checked_block& block) {
     switch (block.area) {
         case block_area::small:
             fill(block.start, block.usable);
-            shadow_write<small_entry>(small_entry_offset_of(block)) =
+            shadow_write<small_entry>(small_entry_offset(block.class_index, block.group)) =
                 static_cast<small_entry>(SMALL_RELEASED | block.requested);
             return;
         case block_area::unit:

@@ -98,6 +98,17 @@ uint64_t next_filled_granule(uint64_t first, uint64_t end) {
     return end;
 }
 
+uint64_t next_unfilled_granule(uint64_t first, uint64_t end) {
+    const uint64_t* words = filled_words();
+    for (uint64_t word = first / 64; word <= (end - 1) / 64; ++word) {
+        if (!shadow_committed(filled_word_offset(word * 64)))
+            return word * 64 > first ? word * 64 : first;
+        uint64_t unmarked = ~words[word] & bits_in_word(word, first, end);
+        if (unmarked != 0) return word * 64 + static_cast<uint64_t>(__builtin_ctzll(unmarked));
+    }
+    return end;
+}
+
 bool bootstrap_piece_released(uint64_t address) {
     uint64_t unit = bootstrap_unit(address);
     uint64_t offset = SHADOW_LAYOUT.bootstrap_released + unit / 64 * 8;

@@ -3,7 +3,7 @@
 // release heap does.
 //
 // Why a reservation: the records scale with the areas they describe (a 16-bit entry per small
-// block, one per 64 bytes of the bucket area), some 410 MiB at most, of which a program uses a
+// block, one per 64 bytes of the bucket area), 392 MiB at most, of which a program uses a
 // sliver. Static arrays of that size would be committed memory in a Windows DLL; one
 // reservation, made when the heap starts and committed a 1 MiB piece at a time when a record
 // is first written there, costs only what the program's blocks need. A piece never written
@@ -121,8 +121,15 @@ record shadow_read(uint64_t offset) {
 // A record for writing, its piece committed.
 template <typename record>
 record& shadow_write(uint64_t offset) {
-    commit_shadow(offset, sizeof(record));
+    if (!shadow_committed(offset) || !shadow_committed(offset + sizeof(record) - 1))
+        commit_shadow(offset, sizeof(record));
     return *reinterpret_cast<record*>(checked_shadow.base + offset);
+}
+
+// The index in its class of the small block holding `address`.
+inline uint64_t small_block_index(unsigned small_class, uint64_t address) {
+    const small_class_record& descriptor = heap_state.small_class[small_class];
+    return (address - descriptor.first_block) / descriptor.block_size;
 }
 
 inline uint64_t small_entry_offset(unsigned small_class, uint64_t block_index) {
@@ -151,8 +158,9 @@ inline uint64_t zeroed_slot_offset(uint64_t slot) {
 bool granule_filled(uint64_t granule);
 void mark_filled_granules(uint64_t first, uint64_t end);
 void clear_filled_granules(uint64_t first, uint64_t end);
-// The first marked granule in [first, end), or end.
+// The first marked granule in [first, end), or end; the first unmarked one.
 uint64_t next_filled_granule(uint64_t first, uint64_t end);
+uint64_t next_unfilled_granule(uint64_t first, uint64_t end);
 
 bool bootstrap_piece_released(uint64_t address);
 void mark_bootstrap_piece_released(uint64_t address);
