@@ -14,7 +14,6 @@ namespace {
 
 constexpr uint64_t ZEROED_REGION_HINT = 0x7ff000000000;
 constexpr uint64_t ZEROED_REGION_ALIGNMENT = 0x10000;
-constexpr uint64_t ZEROED_SLOT_BYTES = uint64_t{1} << ZEROED_SLOT_SHIFT;
 static_assert(ZEROED_REGION_BYTES == ZEROED_SLOTS * ZEROED_SLOT_BYTES);
 // Programs that make only a few such requests never pay for the region.
 constexpr uint8_t ZEROED_WARM_USES = 200;

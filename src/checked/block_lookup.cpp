@@ -10,30 +10,12 @@
 namespace tarnheap {
 namespace {
 
-constexpr uint64_t ZEROED_SLOT_BYTES = uint64_t{1} << ZEROED_SLOT_SHIFT;
-
 checked_block unused(uint64_t address, unused_place place, uint32_t number) {
-    checked_block block{};
-    block.area = block_area::unused;
+    checked_block block = block_record(block_area::unused, address, address, 0);
     block.place = place;
     block.problem = NOT_HEAP_BLOCK;
-    block.address = address;
-    block.start = address;
-    block.requested = UNKNOWN_REQUEST;
     block.class_index = number;
     block.group = number;
-    return block;
-}
-
-checked_block found(uint64_t address, block_area area, uint64_t start, uint64_t usable) {
-    checked_block block{};
-    block.area = area;
-    block.address = address;
-    block.start = start;
-    block.usable = usable;
-    block.requested = UNKNOWN_REQUEST;
-    block.class_index = UNKNOWN_CLASS;
-    if (start != address) block.problem = NOT_BLOCK_START;
     return block;
 }
 
@@ -45,8 +27,8 @@ checked_block find_small(uint64_t address, unsigned small_class) {
         return unused(address, unused_place::small_segment, small_class);
     uint64_t index = small_block_index(small_class, address);
     checked_block block =
-        found(address, block_area::small, descriptor.first_block + index * descriptor.block_size,
-              descriptor.block_size);
+        block_record(block_area::small, address,
+                     descriptor.first_block + index * descriptor.block_size, descriptor.block_size);
     block.class_index = small_class;
     block.group = static_cast<uint32_t>(index);
     small_entry entry = shadow_read<small_entry>(small_entry_offset(small_class, index));
@@ -72,8 +54,8 @@ checked_block find_unit(uint64_t address, const group_position& position) {
     const bucket_group_view& view = position.descriptor->bucket;
     uint64_t unit = position.offset / view.unit_size;
     if (unit >= view.unit_count) return unused(address, unused_place::bucket_group, position.group);
-    checked_block block =
-        found(address, block_area::unit, view.group_base + unit * view.unit_size, view.unit_size);
+    checked_block block = block_record(block_area::unit, address,
+                                       view.group_base + unit * view.unit_size, view.unit_size);
     block.class_index = view.class_index;
     block.group = position.group;
     block.requested = shadow_read<uint16_t>(unit_request_offset(granule_of(block.start)));
@@ -84,7 +66,8 @@ checked_block find_unit(uint64_t address, const group_position& position) {
 checked_block large_block_at(uint64_t address, uint32_t group, uint32_t groups) {
     large_block_record record = shadow_read<large_block_record>(large_block_offset(group));
     uint64_t end = heap_state.bucket_area_base + (group + uint64_t{groups}) * GROUP_BYTES;
-    checked_block block = found(address, block_area::large, record.start, end - record.start);
+    checked_block block =
+        block_record(block_area::large, address, record.start, end - record.start);
     block.group = group;
     block.groups = groups;
     block.requested = record.requested;
@@ -101,7 +84,8 @@ bool group_in_use(uint32_t group) {
 checked_block released_in_free_group(uint64_t address, uint32_t group) {
     large_block_record record = shadow_read<large_block_record>(large_block_offset(group));
     bool large = record.start == address;
-    checked_block block = found(address, large ? block_area::large : block_area::unit, address, 0);
+    checked_block block =
+        block_record(large ? block_area::large : block_area::unit, address, address, 0);
     block.group = group;
     block.requested =
         large ? record.requested : shadow_read<uint16_t>(unit_request_offset(granule_of(address)));
@@ -142,7 +126,8 @@ uint32_t zeroed_slot_record(uint64_t slot) {
 checked_block zeroed_block_at(uint64_t address, uint64_t slot) {
     uint32_t slots = heap_state.zeroed_run_length[slot];
     uint64_t start = heap_state.zeroed_region_base + (slot << ZEROED_SLOT_SHIFT);
-    checked_block block = found(address, block_area::zeroed, start, slots * ZEROED_SLOT_BYTES);
+    checked_block block =
+        block_record(block_area::zeroed, address, start, slots * ZEROED_SLOT_BYTES);
     uint32_t record = zeroed_slot_record(slot);
     if (record != 0) block.requested = record & ZEROED_REQUESTED;
     block.group = static_cast<uint32_t>(slot);
@@ -176,7 +161,7 @@ checked_block find_in_bootstrap_arena(uint64_t address) {
         if (address < arena + at + piece) {
             uint64_t start = arena + at + BOOTSTRAP_HEADER;
             checked_block block =
-                found(address, block_area::bootstrap, start, piece - BOOTSTRAP_HEADER);
+                block_record(block_area::bootstrap, address, start, piece - BOOTSTRAP_HEADER);
             if (block.problem == nullptr && bootstrap_piece_released(start))
                 block.problem = DOUBLE_RELEASE;
             return block;
@@ -195,6 +180,18 @@ checked_block find_in_region(uint64_t address) {
 }
 
 }  // namespace
+
+checked_block block_record(block_area area, uint64_t address, uint64_t start, uint64_t usable) {
+    checked_block block{};
+    block.area = area;
+    block.address = address;
+    block.start = start;
+    block.usable = usable;
+    block.requested = UNKNOWN_REQUEST;
+    block.class_index = UNKNOWN_CLASS;
+    if (start != address) block.problem = NOT_BLOCK_START;
+    return block;
+}
 
 checked_block find_block(uint64_t address) {
     if (heap_state.init_state == INIT_READY) {

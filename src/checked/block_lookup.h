@@ -43,6 +43,10 @@ struct checked_block {
     uint32_t groups;       // the run's groups, the zeroed block's slots
 };
 
+// The block of `area` at `start`, `usable` bytes long, as `address` names it: not its start
+// is its problem; the bytes asked for, its class and its group are not known yet.
+checked_block block_record(block_area area, uint64_t address, uint64_t start, uint64_t usable);
+
 // The block that `address` names, with the problem if it is not the start of a block handed
 // out. Only misuse takes the long ways: addresses inside a large run's later groups and inside
 // a zeroed-region block are found by walking back to the block's start.

@@ -30,17 +30,6 @@ void check_filled_granules(const checked_block& block, uint64_t first, uint64_t 
     clear_filled_granules(first, end);
 }
 
-checked_block block_in_area(block_area area, uint64_t start, uint64_t usable) {
-    checked_block block{};
-    block.area = area;
-    block.address = start;
-    block.start = start;
-    block.usable = usable;
-    block.requested = UNKNOWN_REQUEST;
-    block.class_index = UNKNOWN_CLASS;
-    return block;
-}
-
 // The bytes asked for, in the record the block's area keeps.
 void set_requested(const checked_block& block, uint64_t requested) {
     switch (block.area) {
@@ -88,7 +77,7 @@ void check_small_hand_out(uint64_t block) {
 }
 
 void check_unit_hand_out(const bucket_group_view& group, uint64_t block) {
-    checked_block described = block_in_area(block_area::unit, block, group.unit_size);
+    checked_block described = block_record(block_area::unit, block, block, group.unit_size);
     described.class_index = group.class_index;
     described.group = static_cast<uint32_t>(granule_of(group.group_base) / GRANULES_PER_GROUP);
     uint64_t first = granule_of(block);
@@ -98,7 +87,7 @@ void check_unit_hand_out(const bucket_group_view& group, uint64_t block) {
 void check_large_hand_out(uint32_t group, uint64_t groups, uint64_t block) {
     uint64_t base = heap_state.bucket_area_base + group * GROUP_BYTES;
     uint64_t end = base + groups * GROUP_BYTES;
-    checked_block described = block_in_area(block_area::large, block, end - block);
+    checked_block described = block_record(block_area::large, block, block, end - block);
     described.group = group;
     described.groups = static_cast<uint32_t>(groups);
     check_filled_granules(described, granule_of(block), granule_of(end));
@@ -113,7 +102,7 @@ void check_zeroed_hand_out(uint64_t block, uint32_t slots) {
     uint32_t& record = shadow_write<uint32_t>(zeroed_slot_offset(slot));
     uint64_t changed = first_changed_byte(block, bytes, 0);
     if (changed < bytes) {
-        checked_block described = block_in_area(block_area::zeroed, block, bytes);
+        checked_block described = block_record(block_area::zeroed, block, block, bytes);
         described.group = static_cast<uint32_t>(slot);
         described.groups = slots;
         if ((record & ZEROED_RELEASED) != 0) described.requested = record & ZEROED_REQUESTED;
