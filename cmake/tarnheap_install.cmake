@@ -1,7 +1,9 @@
 # What an installation holds and how other projects find it: the library (on Windows
 # TARNHEAP.dll with its import libraries for the GNU and the Microsoft linker; on Linux the
 # shared and the embeddable library), the header, the CMake package TarnHeap with the targets
-# TarnHeap::tarnheap and TarnHeap::embed, pkg-config files, the README and the licence.
+# TarnHeap::tarnheap and TarnHeap::embed, pkg-config files, the README and the licence; and the
+# checked build of the library, which users swap in rather than link (bin/checked/TARNHEAP.dll,
+# lib/libtarnheap-checked.so), so that neither the CMake package nor pkg-config names it.
 # Everything belongs to the component tarnheap, except the debug files of a release build.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -14,6 +16,8 @@ if(WIN32)
   set(shared tarnheap_dll)
   set(shipped tarnheap_dll)
   set(shared_dir ${CMAKE_INSTALL_BINDIR})
+  set(checked tarnheap_checked_dll)
+  set(checked_dir ${CMAKE_INSTALL_BINDIR}/checked)
   set_target_properties(tarnheap_dll PROPERTIES EXPORT_NAME tarnheap)
   install(FILES ${PROJECT_BINARY_DIR}/src/TARNHEAP.lib DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(FILES README.md LICENSE DESTINATION .)
@@ -21,6 +25,8 @@ else()
   set(shared tarnheap)
   set(shipped tarnheap tarnheap_embed)
   set(shared_dir ${CMAKE_INSTALL_LIBDIR})
+  set(checked tarnheap_checked)
+  set(checked_dir ${CMAKE_INSTALL_LIBDIR})
   set_target_properties(tarnheap_embed PROPERTIES EXPORT_NAME embed)
   # Where a Debian package keeps them, the licence under the name Debian gives it.
   set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/tarnheap)
@@ -33,9 +39,11 @@ install(TARGETS ${shipped} EXPORT TarnHeapTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/tarnheap.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES $<TARGET_FILE:${checked}> DESTINATION ${checked_dir})
 if(TARNHEAP_RELEASE)
   # Beside the library, where a debugger looks for the file the library names.
   install(FILES $<TARGET_FILE:${shared}>.debug DESTINATION ${shared_dir} COMPONENT debug)
+  install(FILES $<TARGET_FILE:${checked}>.debug DESTINATION ${checked_dir} COMPONENT debug)
 endif()
 
 # The CMake package.

@@ -18,6 +18,7 @@
 #include "api/entry_names.h"
 #include "api/out_of_memory.h"
 #include "bucket/bucket_size_table.h"
+#include "checked/hand_out_checks.h"
 #include "platform/drop_in_fallbacks.h"
 #include "small/small_class_table.h"
 #include "small/usable_size.h"
@@ -99,7 +100,7 @@ void* page_block(void* (*c_library_entry)(size_t), size_t size) {
 using namespace tarnheap;
 
 // Never sets errno: the result says what went wrong.
-extern "C" TARNHEAP_EXPORT int posix_memalign(void** result, size_t alignment,
+extern "C" TARNHEAP_PUBLIC int posix_memalign(void** result, size_t alignment,
                                               size_t size) noexcept {
     if (!std::has_single_bit(alignment) || alignment % sizeof(void*) != 0) return EINVAL;
     int saved_errno = errno;
@@ -110,32 +111,37 @@ extern "C" TARNHEAP_EXPORT int posix_memalign(void** result, size_t alignment,
     return 0;
 }
 
-extern "C" TARNHEAP_EXPORT void* aligned_alloc(size_t alignment, size_t size) noexcept {
+extern "C" TARNHEAP_PUBLIC void* aligned_alloc(size_t alignment, size_t size) noexcept {
     return aligned_block_or_error(alignment, size);
 }
 
-extern "C" TARNHEAP_EXPORT void* memalign(size_t alignment, size_t size) noexcept {
+extern "C" TARNHEAP_PUBLIC void* memalign(size_t alignment, size_t size) noexcept {
     return aligned_block_or_error(alignment, size);
 }
 
-extern "C" TARNHEAP_EXPORT void* valloc(size_t size) noexcept {
+extern "C" TARNHEAP_PUBLIC void* valloc(size_t size) noexcept {
     return page_block(c_library().valloc, size);
 }
 
-extern "C" TARNHEAP_EXPORT void* pvalloc(size_t size) noexcept {
+extern "C" TARNHEAP_PUBLIC void* pvalloc(size_t size) noexcept {
     return page_block(c_library().pvalloc, size);
 }
 
-extern "C" TARNHEAP_EXPORT void* reallocarray(void* block, size_t count, size_t size) noexcept {
+extern "C" TARNHEAP_PUBLIC void* reallocarray(void* block, size_t count, size_t size) noexcept {
     size_t bytes;
     if (__builtin_mul_overflow(count, size, &bytes)) return out_of_memory();
     return realloc(block, bytes);
 }
 
 // Blocks the heap does not own are the C library's.
-extern "C" TARNHEAP_EXPORT size_t malloc_usable_size(void* block) noexcept {
+extern "C" TARNHEAP_PUBLIC size_t malloc_usable_size(void* block) noexcept {
     if (block == nullptr) return 0;
-    if (uint64_t size = usable_size(reinterpret_cast<uint64_t>(block))) return size;
+    if (uint64_t size = usable_size(reinterpret_cast<uint64_t>(block))) {
+        // The checked build guards the bytes past those asked for; a program that asks may use
+        // them all.
+        if constexpr (CHECKED) widen_to_usable_size(reinterpret_cast<uint64_t>(block));
+        return size;
+    }
     auto c_library_usable_size = c_library().malloc_usable_size;
     return c_library_usable_size != nullptr ? c_library_usable_size(block) : 0;
 }

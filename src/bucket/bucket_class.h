@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "bucket/bucket_size_table.h"
+#include "checked/hand_out_checks.h"
+#include "state/build_config.h"
 #include "state/compiler.h"
 #include "state/heap_state.h"
 
@@ -74,7 +76,9 @@ TARNHEAP_HOT uint64_t claim_unit(bucket_group_view& group, uint32_t bucket_size)
     uint64_t bits = group.unit_bitmap[word];
     unsigned bit = static_cast<unsigned>(__builtin_ctzll(~bits));
     group.unit_bitmap[word] = bits | (uint64_t{1} << bit);
-    return group.group_base + uint64_t{64 * word + bit} * bucket_size;
+    uint64_t block = group.group_base + uint64_t{64 * word + bit} * bucket_size;
+    if constexpr (CHECKED) check_unit_hand_out(group, block);
+    return block;
 }
 
 }  // namespace tarnheap

@@ -48,6 +48,7 @@ void release_zeroed_block(uint64_t address, uint64_t offset);
 // The region holds 1024 slots of 64 KiB.
 inline constexpr uint64_t ZEROED_REGION_BYTES = 0x4000000;
 inline constexpr unsigned ZEROED_SLOT_SHIFT = 16;
+inline constexpr uint64_t ZEROED_SLOT_BYTES = uint64_t{1} << ZEROED_SLOT_SHIFT;
 
 // Whether `address` lies in the zeroed region, once it exists; its offset there goes to `offset`.
 inline bool in_zeroed_region(uint64_t address, uint64_t* offset) {

@@ -6,6 +6,8 @@
 #include "bucket/hand_out.h"
 #include "bucket/run_cache.h"
 #include "bucket/run_length.h"
+#include "checked/hand_out_checks.h"
+#include "state/build_config.h"
 #include "state/random.h"
 
 namespace tarnheap {
@@ -63,6 +65,7 @@ TARNHEAP_HOT void* place_large_block(uint32_t group, uint64_t groups, uint64_t s
                                      alloc_mode mode) {
     uint64_t base = heap_state.bucket_area_base + group * GROUP_BYTES;
     uint64_t block = block_start(base, size, groups, mode);
+    if constexpr (CHECKED) check_large_hand_out(group, groups, block);
     large_run_view& run = heap_state.group_descriptor[group].large;
     run.run_groups = static_cast<uint32_t>(groups);
     run.group_base = base;

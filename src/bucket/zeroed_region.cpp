@@ -3,8 +3,10 @@
 // frees the slots), so blocks leave without being cleared.
 #include "bucket/bucket_alloc.h"
 #include "bucket/bucket_release.h"
+#include "checked/hand_out_checks.h"
 #include "platform/commit.h"
 #include "platform/os_memory_ops.h"
+#include "state/build_config.h"
 #include "state/random.h"
 
 namespace tarnheap {
@@ -12,7 +14,6 @@ namespace {
 
 constexpr uint64_t ZEROED_REGION_HINT = 0x7ff000000000;
 constexpr uint64_t ZEROED_REGION_ALIGNMENT = 0x10000;
-constexpr uint64_t ZEROED_SLOT_BYTES = uint64_t{1} << ZEROED_SLOT_SHIFT;
 static_assert(ZEROED_REGION_BYTES == ZEROED_SLOTS * ZEROED_SLOT_BYTES);
 // Programs that make only a few such requests never pay for the region.
 constexpr uint8_t ZEROED_WARM_USES = 200;
@@ -53,6 +54,7 @@ void* zeroed_region_alloc(uint64_t total) {
         heap_state.zeroed_region_base + (static_cast<uint64_t>(first) << ZEROED_SLOT_SHIFT);
     heap_state.zeroed_run_length[first] = slots;
     if (block == 0) return nullptr;
+    if constexpr (CHECKED) check_zeroed_hand_out(block, slots);
     return reinterpret_cast<void*>(block);
 }
 

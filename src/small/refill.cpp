@@ -32,7 +32,9 @@ TARNHEAP_COLD uint64_t small_class_refill(unsigned small_class) {
     // The last word may still hold clear bits: the next refill starts in it.
     descriptor.cursor = word;
     head.depth = static_cast<int16_t>(batch - 1);
-    return small_block_address(head.segment_key, stack[batch - 1]);
+    uint64_t block = small_block_address(head.segment_key, stack[batch - 1]);
+    if constexpr (CHECKED) check_small_hand_out(block);
+    return block;
 }
 
 }  // namespace tarnheap

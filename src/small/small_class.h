@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
+#include "checked/hand_out_checks.h"
 #include "small/small_class_table.h"
+#include "state/build_config.h"
 #include "state/compiler.h"
 #include "state/heap_state.h"
 
@@ -44,6 +46,7 @@ TARNHEAP_HOT bool pop_small_block(const small_stack& stack, uint64_t& block) {
     const uint32_t* top = stack.entries + head.depth - 1;
     stack.head.depth = static_cast<int16_t>(head.depth - 1);
     block = small_block_address(head.segment_key, *top);
+    if constexpr (CHECKED) check_small_hand_out(block);
     return true;
 }
 

@@ -15,6 +15,9 @@
 #ifndef TARNHEAP_LINUX_DROP_IN
 #define TARNHEAP_LINUX_DROP_IN 0
 #endif
+#ifndef TARNHEAP_CHECKED
+#define TARNHEAP_CHECKED 0
+#endif
 
 namespace tarnheap {
 
@@ -38,5 +41,11 @@ inline constexpr bool PREFIXED_ENTRIES = TARNHEAP_PREFIXED;
 // the aligned allocators, reallocarray and malloc_usable_size are exported too.
 inline constexpr bool LINUX_DROP_IN = TARNHEAP_LINUX_DROP_IN;
 static_assert(!LINUX_DROP_IN || !PREFIXED_ENTRIES, "the drop-in uses the standard names");
+
+// The checked build finds a program's misuse of the heap: releases of blocks that are not
+// handed out, writes after release and past a block's end. It hands out the same blocks as the
+// release build, keeps its own records in shadow memory and stops the program at the first
+// misuse with a message. Its code lives in src/checked and is compiled into checked builds only.
+inline constexpr bool CHECKED = TARNHEAP_CHECKED;
 
 }  // namespace tarnheap

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "bucket/bucket_size_table.h"
+#include "checked/hand_out_checks.h"
 #include "platform/platform.h"
 #include "platform/processor.h"
 #include "runs/run_finder_table.h"
@@ -112,6 +113,7 @@ void heap_initialise() {
     heap_state.bucket_area_base = region + BUCKET_AREA_OFFSET;
     // Groups claimed here are never handed out: the first real group lands at a random index.
     warm_up_groups();
+    if constexpr (CHECKED) start_checks();
     heap_state.init_state = INIT_READY;
 }
 
