@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Mutation testing of the library's sources against the Linux tests.
 
-    tools/mutate.py --report tests/mutation/after.md   # 30 mutants, seed 1: about 20 minutes
+    tools/mutate.py --report tests/mutation/after.md   # 60 mutants, seed 1: about 20 minutes
     tools/mutate.py --sample 60 --seed 7               # another sample
     tools/mutate.py --all                              # every mutant: a day or more
     tools/mutate.py --list                             # print every mutant, build nothing
@@ -27,8 +27,9 @@ static_assert(...), or the bodies of constexpr functions that are named only ins
 static_asserts (the helpers of compile-time checks). Files the Linux build does not compile
 (the Windows platform layer) are left out.
 
-A mutant is named by file:line:column and its change; the list is sorted, and a run tests
-`--sample` of them drawn with `--seed`, so the same tree, sample and seed give the same mutants.
+A mutant is named by file:line:column and its change. A run tests the first --sample of the
+sorted list shuffled with --seed: the same tree, sample and seed give the same mutants, and a
+larger sample with the same seed holds the smaller one.
 
 The run copies the checkout (its tracked and untracked, not ignored, files, as they are on
 disk) to a scratch directory (a new temporary one, or --work, kept for later runs), configures
@@ -67,7 +68,7 @@ from collections import Counter
 from dataclasses import dataclass
 
 REPOSITORY = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-DEFAULT_SAMPLE = 30
+DEFAULT_SAMPLE = 60
 DEFAULT_SKIP = r"^(program|trace)\."
 ROUND_BOUNDS = (1.0, 10.0)
 BUILD_LIMIT = 1800
@@ -140,8 +141,7 @@ def tokenize(text):
     tokens = []
     for match in TOKEN.finditer(text):
         if match.lastgroup not in ("comment", "space"):
-            kind = match.lastgroup if match.lastgroup != "delimiter" else "literal"
-            tokens.append(Token(kind, match.group(), match.start()))
+            tokens.append(Token(match.lastgroup, match.group(), match.start()))
     return tokens
 
 
@@ -159,7 +159,7 @@ def closing(tokens, index):
     return len(tokens) - 1
 
 
-def static_assert_spans(tokens):
+def assertion_and_attribute_spans(tokens):
     """(first, last) token indices of each static_assert(...) and attribute."""
     spans = []
     for index, token in enumerate(tokens[:-1]):
@@ -199,7 +199,7 @@ def inside(index, spans):
 def compile_time_spans(sources):
     """{path: token spans that only the compiler evaluates}: static_asserts, attributes and the
     bodies of constexpr functions named nowhere else (repeated until no more such helpers)."""
-    spans = {path: static_assert_spans(tokens) for path, tokens in sources.items()}
+    spans = {path: assertion_and_attribute_spans(tokens) for path, tokens in sources.items()}
     helpers = {path: constexpr_functions(tokens) for path, tokens in sources.items()}
     changed = True
     while changed:
@@ -211,7 +211,7 @@ def compile_time_spans(sources):
                     uses[token.text] = uses.get(token.text, 0) + 1
         for path, functions in helpers.items():
             for name, first, last in functions:
-                if (first, last) not in spans[path] and uses[sources[path][name].text] == 1:
+                if (first, last) not in spans[path] and uses.get(sources[path][name].text) == 1:
                     spans[path].append((first, last))
                     changed = True
     return spans
@@ -619,21 +619,24 @@ class Scratch:
 
 # --- Report ----------------------------------------------------------------------------------
 
-def summary(results, total, seed, started):
+def summary(results, total, run):
+    """The markdown summary: the counts, how the run went, and the survivors."""
     counts = {outcome: sum(1 for _, o, _ in results if o == outcome)
               for outcome in ("killed", "survived", "failed to compile")}
     compiled = counts["killed"] + counts["survived"]
     score = f"{100 * counts['killed'] / compiled:.0f} %" if compiled else "-"
-    minutes = (time.time() - started) / 60
+    each = 60 * (run["minutes"] - run["unmutated"]) / max(len(results), 1)
+    skipped = f", except those matching `{run['skip']}`" if run["skip"] else ""
     lines = [
         "| date | commit | sample | seed | killed | survived | failed to compile | score |",
         "|---|---|---|---|---|---|---|---|",
-        f"| {datetime.date.today()} | {checkout_commit()} | {len(results)} of {total} | {seed} "
-        f"| {counts['killed']} | {counts['survived']} | {counts['failed to compile']} "
-        f"| {score} |",
+        f"| {datetime.date.today()} | {run['commit']} | {len(results)} of {total} "
+        f"| {run['seed']} | {counts['killed']} | {counts['survived']} "
+        f"| {counts['failed to compile']} | {score} |",
         "",
-        f"Score: killed / (killed + survived). The run took {minutes:.0f} minutes "
-        f"({60 * minutes / max(len(results), 1):.0f} s a mutant).",
+        f"Score: killed / (killed + survived). Tests: the linux preset's{skipped}. The run took "
+        f"{run['minutes']:.0f} minutes: {run['unmutated']:.0f} to build and test the unmutated "
+        f"tree, then {each:.0f} s a mutant.",
     ]
     survivors = [(mutant, detail) for mutant, outcome, detail in results if outcome == "survived"]
     if survivors:
@@ -669,15 +672,18 @@ def mutate(arguments, work):
     started = time.time()
     scratch = Scratch(work, arguments.jobs, arguments.skip)
     os.makedirs(scratch.files, exist_ok=True)
+    commit = checkout_commit()
     copy_checkout(work)
     print(f"building and testing the unmutated tree in {work}", flush=True)
     failures, test_seconds = scratch.prepare()
+    prepared = time.time()
     if failures:
         raise SystemExit("tests fail on the unmutated tree: " + ", ".join(failures))
     compiled = scratch.compiled_sources()
     mutants = [m for m in generate(library_sources(work)) if m.path in compiled]
-    chosen = mutants if arguments.all else \
-        sorted(random.Random(arguments.seed).sample(mutants, min(arguments.sample, len(mutants))))
+    shuffled = list(mutants)
+    random.Random(arguments.seed).shuffle(shuffled)
+    chosen = mutants if arguments.all else sorted(shuffled[:arguments.sample])
     sizes = ", ".join(str(len(names)) for names, _ in scratch.rounds)
     print(f"{len(mutants)} mutants, testing {len(chosen)}; the tests take {test_seconds:.0f} s, "
           f"in rounds of {sizes}", flush=True)
@@ -689,7 +695,10 @@ def mutate(arguments, work):
         note = f": {detail}" if detail else ""
         print(f"[{number}/{len(chosen)}] {outcome}{note}, {time.time() - began:.0f} s "
               f"(build {build_seconds:.0f} s): {mutant.name()}", flush=True)
-    report = summary(results, len(mutants), "all" if arguments.all else arguments.seed, started)
+    seed = "all" if arguments.all else arguments.seed
+    run = {"seed": seed, "commit": commit, "skip": arguments.skip,
+           "minutes": (time.time() - started) / 60, "unmutated": (prepared - started) / 60}
+    report = summary(results, len(mutants), run)
     print("\n" + report, end="")
     if arguments.report:
         with open(arguments.report, "w") as out:
