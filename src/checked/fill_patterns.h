@@ -21,7 +21,7 @@ inline constexpr uint64_t CHECKED_BYTES_MAX = 0x10000;
 // turns into vector instructions: released blocks of 64 KiB are read on every hand-out.
 inline uint64_t first_changed_byte(uint64_t address, uint64_t length, uint8_t expected) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(address);
-    uint64_t pattern = 0x0101010101010101 * expected;
+    uint64_t pattern = uint64_t{0x0101010101010101} * expected;
     uint64_t at = 0;
     for (; at + 64 <= length; at += 64) {
         uint64_t differences = 0;
