@@ -9,12 +9,15 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "support/case_printer.h"
 #include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 const group_descriptor_record& group_of(const void* block) {
     uint64_t offset = reinterpret_cast<uint64_t>(block) - heap_state.bucket_area_base;

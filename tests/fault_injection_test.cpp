@@ -9,12 +9,15 @@
 #include <string>
 
 #include "platform/platform.h"
+#include "support/case_printer.h"
 #include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 bool all_zero(const void* block, size_t bytes) {
     auto* first = static_cast<const unsigned char*>(block);

@@ -7,12 +7,15 @@
 
 #include "platform/platform.h"
 #include "state/initialise.h"
+#include "support/case_printer.h"
 #include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 struct worked_capacity {
     unsigned small_class;

@@ -10,12 +10,15 @@
 
 #include "bucket/commit_groups.h"
 #include "platform/platform.h"
+#include "support/case_printer.h"
 #include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 bool in_bucket_area(const void* block) {
     return reinterpret_cast<uint64_t>(block) - heap_state.bucket_area_base < BUCKET_AREA_BYTES;

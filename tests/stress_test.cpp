@@ -15,10 +15,13 @@
 
 #include "platform/platform.h"
 #include "stress/heap_model.h"
+#include "support/case_printer.h"
 #include "support/fresh_heap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 // Under Wine a shorter run: each test program there is one CTest test, run alone.
 #ifdef _WIN32

@@ -6,11 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "support/case_printer.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 #define ADDRESS "0x[0-9a-f]+"
 #define NUMBER "[0-9]+"
@@ -213,10 +216,6 @@ TEST_P(misuse, correct_use_runs_clean) {
     ::testing::internal::CaptureStderr();
     GetParam().run(false);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-}
-
-void PrintTo(const any_case& c, std::ostream* out) {
-    *out << c.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(every_area, misuse, ::testing::ValuesIn(every_case()),

@@ -12,9 +12,12 @@
 #include <cstring>
 #include <string>
 
+#include "support/case_printer.h"
 #include "tarnheap.h"
 
 namespace {
+
+using tarnheap::testing::operator<<;
 
 constexpr uintptr_t REGION_HINT = 0x7f0000000000;
 constexpr uintptr_t REGION_BYTES = 0x200000000;
