@@ -54,6 +54,7 @@ TEST_P(request, is_served_by_its_class_and_served_again_after_release) {
     if (c.where == area::small) {
         EXPECT_EQ(p.small_class, c.number);
         EXPECT_EQ(p.usable, c.usable);
+        EXPECT_EQ(reinterpret_cast<uint64_t>(block), heap_state.small_class[c.number].first_block);
     } else if (c.where == area::bucket) {
         EXPECT_EQ(group.bucket.class_index, c.number);
         EXPECT_EQ(p.usable, c.usable);
@@ -278,7 +279,8 @@ TEST_F(entry_points, requests_during_initialisation_come_from_the_bootstrap_aren
     std::memset(block, 9, 112);
     EXPECT_EQ(tarnheap_realloc(block, 112), block);
     EXPECT_EQ(tarnheap_realloc(block, 10), block);
-    heap_state.bootstrap_used = 0x200000 - 64;
+    heap_state.bootstrap_used = 0x200000 - 128;  // room for exactly one more such piece
+    EXPECT_EQ(tarnheap_malloc(100), heap_state.bootstrap_arena + 0x200000 - 112);
     heap_state.fallback_malloc = nullptr;
     errno = 0;
     EXPECT_EQ(tarnheap_malloc(100), nullptr);

@@ -122,46 +122,51 @@ TEST_F(initialisation, the_warm_up_claims_the_lowest_groups) {
     EXPECT_EQ(search.high_water, count);
 }
 
-// The two failures leave the heap to the C runtime for good, without a word.
-class failed_initialisation : public fresh_heap {
-  protected:
-    void expect_the_fallback_serves_everything() {
-        ::testing::internal::CaptureStderr();
-        void* block = tarnheap_malloc(100);
-        EXPECT_EQ(heap_state.init_state, FAILED);
-        EXPECT_NE(block, nullptr);
-        EXPECT_EQ(heap_state.small_class_head[18].segment_key, 0u);
-        static void* released;
-        released = nullptr;
-        auto real_free = heap_state.fallback_free;
-        heap_state.fallback_free = [](void* freed) { released = freed; };
-        tarnheap_free(block);
-        EXPECT_EQ(released, block);
-        real_free(block);
-        void* zeroed = tarnheap_calloc(4, 4);
-        EXPECT_NE(zeroed, nullptr);
-        tarnheap_free(zeroed);
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-    }
+// Something else already lives at the hint, or the platform refuses the reservation: the heap
+// does not look elsewhere and leaves everything to the C runtime for good, without a word.
+struct reservation_failure {
+    const char* name;
+    void* (*prepare)();  // returns what to give back afterwards
 };
 
-TEST_F(failed_initialisation, when_the_hint_is_taken) {
-    // Something else already lives at the hint: the reservation fails there, and the heap
-    // does not look elsewhere.
-    void* squatter = platform_virtual_alloc(reinterpret_cast<void*>(REGION_HINT), 0x10000,
-                                            MEMORY_RESERVE, PAGE_READ_WRITE);
-    ASSERT_NE(squatter, nullptr);
-    expect_the_fallback_serves_everything();
-    platform_virtual_free(squatter, 0, MEMORY_RELEASE);
+const reservation_failure RESERVATION_FAILURES[] = {
+    {"hint_taken",
+     [] {
+         return platform_virtual_alloc(reinterpret_cast<void*>(REGION_HINT), 0x10000,
+                                       MEMORY_RESERVE, PAGE_READ_WRITE);
+     }},
+    {"reservation_refused",
+     [] {
+         platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t mode) {
+             return type == MEMORY_RESERVE ? nullptr : platform_virtual_alloc(at, size, type, mode);
+         };
+         return static_cast<void*>(nullptr);
+     }},
+};
+
+class failed_initialisation : public fresh_heap,
+                              public ::testing::WithParamInterface<reservation_failure> {};
+
+TEST_P(failed_initialisation, leaves_every_request_to_the_c_runtime) {
+    void* squatter = GetParam().prepare();
+    ::testing::internal::CaptureStderr();
+    void* block = tarnheap_malloc(100);
+    EXPECT_EQ(heap_state.init_state, FAILED);
+    EXPECT_NE(block, nullptr);
+    EXPECT_EQ(heap_state.small_class_head[18].segment_key, 0u);
+    static void* released;
+    auto c_free = heap_state.fallback_free;
+    heap_state.fallback_free = [](void* freed) { released = freed; };
+    tarnheap_free(block);
+    EXPECT_EQ(released, block);
+    c_free(block);
+    EXPECT_NE(tarnheap_calloc(4, 4), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    if (squatter != nullptr) platform_virtual_free(squatter, 0, MEMORY_RELEASE);
 }
 
-TEST_F(failed_initialisation, when_reservation_is_refused) {
-    platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
-        if (type == MEMORY_RESERVE) return static_cast<void*>(nullptr);
-        return platform_virtual_alloc(at, size, type, protect);
-    };
-    expect_the_fallback_serves_everything();
-}
+INSTANTIATE_TEST_SUITE_P(causes, failed_initialisation, ::testing::ValuesIn(RESERVATION_FAILURES),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace tarnheap::testing

@@ -101,7 +101,7 @@ struct stress_case {
 
 const stress_case STRESS_CASES[] = {
     {"every_area", 20240611, DEFAULT_MIX, 1500000, 4000, false, EVERY_AREA, 6},
-    {"every_area_again", 7, DEFAULT_MIX, 1500000, 4000, false, EVERY_AREA, 6},
+    {"every_area_again", 7, DEFAULT_MIX, 500000, 4000, false, EVERY_AREA, 6},
     {"small_and_bucket_tides", 31337, SMALL_AND_BUCKET_MIX, 1000000, 40000, true, SMALL_AND_BUCKET,
      3},
 };
