@@ -50,20 +50,21 @@ TEST_P(request, is_served_by_its_class_and_served_again_after_release) {
     void* block = ask();
     placement p = place(block);
     ASSERT_EQ(p.where, c.where);
-    const group_descriptor_record& group = group_of(block);
     if (c.where == area::small) {
         EXPECT_EQ(p.small_class, c.number);
         EXPECT_EQ(p.usable, c.usable);
         EXPECT_EQ(reinterpret_cast<uint64_t>(block), heap_state.small_class[c.number].first_block);
     } else if (c.where == area::bucket) {
-        EXPECT_EQ(group.bucket.class_index, c.number);
+        const bucket_group_view& group = group_of(block).bucket;
+        EXPECT_EQ(group.class_index, c.number);
         EXPECT_EQ(p.usable, c.usable);
-        EXPECT_EQ(reinterpret_cast<uint64_t>(block), group.bucket.group_base);
+        EXPECT_EQ(reinterpret_cast<uint64_t>(block), group.group_base);
     } else {
-        EXPECT_EQ(group.large.run_groups, c.usable);
+        EXPECT_EQ(group_of(block).large.run_groups, c.usable);
     }
     tarnheap_free(block);
     if (c.where == area::run || c.where == area::huge_run) {
+        const group_descriptor_record& group = group_of(block);
         EXPECT_EQ(heap_state.run_length_table[c.number].cached_runs, c.number ? &group : nullptr);
         EXPECT_EQ(heap_state.cached_groups, c.number ? c.usable : 0);
         EXPECT_EQ(&group_of(ask()), &group);
