@@ -1,14 +1,18 @@
 // The aligned reservation, driven through a scripted operations record, and its trimming
 // checked against the real platform.
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "platform/os_memory_ops.h"
 #include "platform/platform.h"
+#include "support/case_printer.h"
 #include "support/fresh_heap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 constexpr uint64_t ALIGN = 0x200000000;
 constexpr uint64_t HINT = REGION_HINT;
@@ -24,6 +28,7 @@ struct call {
 
 // Each reservation is answered with the next scripted address (0: refused).
 struct scripted {
+    const char* name;
     std::vector<uint64_t> answers;
     uint64_t expected_base, expected_size;
     std::vector<call> expected_calls;
@@ -66,14 +71,16 @@ INSTANTIATE_TEST_SUITE_P(
     attempts, reserve_aligned_script,
     ::testing::Values(
         // The hint is free: one reservation.
-        scripted{{HINT}, HINT, ALIGN, {{'r', HINT, ALIGN}}},
+        scripted{"hint_free", {HINT}, HINT, ALIGN, {{'r', HINT, ALIGN}}},
         // An unaligned answer: the next aligned address above it.
-        scripted{{HINT + 0x10000, HINT + ALIGN},
+        scripted{"unaligned_then_next_aligned",
+                 {HINT + 0x10000, HINT + ALIGN},
                  HINT + ALIGN,
                  ALIGN,
                  {{'r', HINT, ALIGN}, {'f', HINT + 0x10000, ALIGN}, {'r', HINT + ALIGN, ALIGN}}},
         // Unaligned twice: anywhere, over-sized, then the head and the tail trimmed.
-        scripted{{HINT + 0x10000, HINT + 0x20000, ANYWHERE},
+        scripted{"unaligned_twice_then_trimmed",
+                 {HINT + 0x10000, HINT + 0x20000, ANYWHERE},
                  ANYWHERE + HEAD,
                  ALIGN,
                  {{'r', HINT, ALIGN},
@@ -84,7 +91,8 @@ INSTANTIATE_TEST_SUITE_P(
                   {'f', ANYWHERE, HEAD},
                   {'f', ANYWHERE + HEAD + ALIGN, ANYWHERE % ALIGN}}},
         // An aligned over-sized answer is kept whole.
-        scripted{{HINT + 0x10000, HINT + 0x20000, 3 * ALIGN},
+        scripted{"aligned_oversized_kept_whole",
+                 {HINT + 0x10000, HINT + 0x20000, 3 * ALIGN},
                  3 * ALIGN,
                  2 * ALIGN,
                  {{'r', HINT, ALIGN},
@@ -93,11 +101,13 @@ INSTANTIATE_TEST_SUITE_P(
                   {'f', HINT + 0x20000, ALIGN},
                   {'r', 0, 2 * ALIGN}}},
         // Any refusal ends the attempts.
-        scripted{{0}, 0, 1, {{'r', HINT, ALIGN}}},
-        scripted{{HINT + 0x10000, 0},
+        scripted{"refused_at_once", {0}, 0, 1, {{'r', HINT, ALIGN}}},
+        scripted{"refused_at_the_second_attempt",
+                 {HINT + 0x10000, 0},
                  0,
                  1,
-                 {{'r', HINT, ALIGN}, {'f', HINT + 0x10000, ALIGN}, {'r', HINT + ALIGN, ALIGN}}}));
+                 {{'r', HINT, ALIGN}, {'f', HINT + 0x10000, ALIGN}, {'r', HINT + ALIGN, ALIGN}}}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // With the platform's release, which gives up a whole reservation whatever size it is told,
 // the trim releases the over-sized reservation at its first call and the second call fails:

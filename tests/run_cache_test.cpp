@@ -4,19 +4,28 @@
 #include <cstring>
 #include <iterator>
 #include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "bucket/run_cache.h"
-#include "bucket/run_length.h"
 #include "runs/run_finder_table.h"
+#include "support/case_printer.h"
+#include "support/figures.h"
 #include "support/fresh_heap.h"
 
 namespace tarnheap::testing {
 namespace {
 
+using tarnheap::testing::operator<<;
+
 // Runs used here start well above the groups of the initial warm-up.
 constexpr uint32_t FIRST_TEST_GROUP = 1000;
+
+// The run_counts class of a run of groups: its entry less one per tier below its own.
+unsigned length_class(uint32_t groups) {
+    return run_entry(groups) - (groups > 63) - (groups > 504) - (groups > 4032);
+}
 
 bool group_claimed(uint64_t group) {
     return (heap_state.group_bitmap[group / 8] >> (group % 8)) & 1;
@@ -30,8 +39,8 @@ class run_cache : public fresh_heap {
     void put(uint32_t first, uint32_t length) {
         for (uint32_t g = first; g < first + length; ++g)
             heap_state.group_bitmap[g / 8] |= static_cast<uint8_t>(1u << (g % 8));
-        ++run_count(heap_state.group_search_state, run_length_class(length));
-        cache_put(heap_state.group_descriptor[first], length, run_length_for(length).entry);
+        ++run_count(heap_state.group_search_state, length_class(length));
+        cache_put(heap_state.group_descriptor[first], length, run_entry(length));
     }
 };
 
@@ -61,11 +70,11 @@ TEST_P(run_cache_eviction, evicts_long_runs_then_short_ones_oldest_first) {
     EXPECT_EQ(heap_state.short_runs_first,
               kept ? &heap_state.group_descriptor[FIRST_TEST_GROUP + c.oldest_evicted] : nullptr);
     EXPECT_EQ(
-        heap_state.run_length_table[ONE_GROUP_ENTRY].cached_runs,
+        heap_state.run_length_table[1].cached_runs,
         kept ? &heap_state.group_descriptor[FIRST_TEST_GROUP + c.one_group_runs - 1] : nullptr);
     EXPECT_EQ(heap_state.long_runs_first, nullptr);
     EXPECT_EQ(heap_state.long_runs_last, nullptr);
-    EXPECT_EQ(heap_state.run_length_table[run_length_for(LONG_LENGTH).entry].cached_runs, nullptr);
+    EXPECT_EQ(heap_state.run_length_table[run_entry(LONG_LENGTH)].cached_runs, nullptr);
     // Each evicted run was released with its own length.
     run_search_state expected = before;
     run_count(expected, 1) += kept;
@@ -83,7 +92,13 @@ INSTANTIATE_TEST_SUITE_P(
                       eviction_case{120, false, false, 2}, eviction_case{200, false, false, 82},
                       eviction_case{50, true, false, 0}, eviction_case{130, true, false, 12},
                       eviction_case{0, true, false, 0}, eviction_case{30, true, true, 30},
-                      eviction_case{200, false, true, 200}));
+                      eviction_case{200, false, true, 200}),
+    [](const auto& info) {
+        const eviction_case& c = info.param;
+        return std::to_string(c.one_group_runs) + "_short" +
+               (c.with_long_run ? "_and_a_long" : "") + (c.flush ? "_flush" : "_trim") +
+               "_evicts_" + std::to_string(c.oldest_evicted);
+    });
 
 // The plain model of the cache: every cached run, in the order in which it was put.
 struct model_run {
@@ -108,13 +123,13 @@ std::vector<uint32_t> walk(group_descriptor_record* at, bool length_list,
 
 void expect_cache_matches(const std::vector<model_run>& model) {
     uint64_t groups = 0;
-    std::vector<std::vector<uint32_t>> by_entry(RUN_LENGTH_ENTRIES), by_age(2);
+    std::vector<std::vector<uint32_t>> by_entry(257), by_age(2);
     for (const model_run& run : model) {
         groups += run.length;
-        unsigned entry = run_length_for(run.length).entry;
+        unsigned entry = run_entry(run.length);
         // Length lists are newest first, age lists oldest first.
         by_entry[entry].insert(by_entry[entry].begin(), run.first);
-        by_age[run.length >= LONG_RUN_MIN].push_back(run.first);
+        by_age[run.length >= 1900].push_back(run.first);
         const cached_run_view& view = heap_state.group_descriptor[run.first].cached;
         EXPECT_EQ(view.run_groups, run.length);
         EXPECT_EQ(view.first_group, run.first);
@@ -122,7 +137,7 @@ void expect_cache_matches(const std::vector<model_run>& model) {
     }
     EXPECT_EQ(heap_state.cached_groups, groups);
     group_descriptor_record* last;
-    for (unsigned entry = 0; entry < RUN_LENGTH_ENTRIES; ++entry)
+    for (unsigned entry = 0; entry < 257; ++entry)
         EXPECT_EQ(walk(heap_state.run_length_table[entry].cached_runs, true, last), by_entry[entry])
             << "entry " << entry;
     EXPECT_EQ(walk(heap_state.short_runs_first, false, last), by_age[0]);
@@ -144,8 +159,7 @@ TEST_F(run_cache, random_puts_and_takes_keep_both_lists_true) {
             size_t pick = random() % idle.size();
             uint32_t length = lengths[random() % std::size(lengths)];
             // Runs overlap here, which the cache never looks at: only descriptors are linked.
-            cache_put(heap_state.group_descriptor[idle[pick]], length,
-                      run_length_for(length).entry);
+            cache_put(heap_state.group_descriptor[idle[pick]], length, run_entry(length));
             model.push_back({idle[pick], length});
             idle[pick] = idle.back();
             idle.pop_back();
@@ -154,7 +168,7 @@ TEST_F(run_cache, random_puts_and_takes_keep_both_lists_true) {
             const model_run& picked = model[random() % model.size()];
             uint32_t first = picked.first;
             if (action == 2) {
-                unsigned entry = run_length_for(picked.length).entry;
+                unsigned entry = run_entry(picked.length);
                 first = uint32_t(heap_state.run_length_table[entry].cached_runs -
                                  heap_state.group_descriptor);
             }

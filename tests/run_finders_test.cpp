@@ -11,10 +11,13 @@
 #include "platform/processor.h"
 #include "runs/run_finder_table.h"
 #include "runs/tier_tables.h"
+#include "support/case_printer.h"
 #include "support/reference_run_search.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 // Beyond the limit, more zero bytes than any unbounded scan reaches (a 704-bit word run or a
 // 504-bit byte run, plus its probes).

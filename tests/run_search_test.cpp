@@ -1,4 +1,4 @@
-// The release of runs and its bookkeeping, and the aliasing of the finder table's slots.
+// The release of runs and its bookkeeping.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -6,9 +6,12 @@
 #include <vector>
 
 #include "runs/run_finder_table.h"
+#include "support/case_printer.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 struct release_case {
     const char* name;
@@ -58,21 +61,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<release_case>& info) {
         return std::string(info.param.name);
     });
-
-// Slot 64t + j, j < 8, is the member for 8j * 8^(t-1) bits of the tier below, and slot 0 of
-// every tier the 1-bit finder; the generic slot holds the generic finder.
-TEST(run_finder_table, aliased_slots_hold_the_same_member) {
-    run_finder_slot table[RUN_FINDER_SLOTS];
-    build_run_finder_table(table);
-    for (unsigned tier = 1; tier < 4; ++tier) {
-        EXPECT_EQ(table[64 * tier].fixed, table[1].fixed) << tier;
-        for (unsigned j = 1; j < 8; ++j)
-            EXPECT_EQ(table[64 * tier + j].fixed, table[64 * (tier - 1) + 8 * j].fixed)
-                << tier << " " << j;
-    }
-    EXPECT_EQ(table[0].fixed, table[1].fixed);
-    EXPECT_EQ(table[GENERIC_SLOT].generic, generic_block_finder);
-}
 
 }  // namespace
 }  // namespace tarnheap::testing

@@ -15,10 +15,13 @@
 
 #include "platform/platform.h"
 #include "stress/heap_model.h"
+#include "support/case_printer.h"
 #include "support/fresh_heap.h"
 
 namespace tarnheap::testing {
 namespace {
+
+using tarnheap::testing::operator<<;
 
 // Under Wine a shorter run: each test program there is one CTest test, run alone.
 #ifdef _WIN32
@@ -98,7 +101,7 @@ struct stress_case {
 
 const stress_case STRESS_CASES[] = {
     {"every_area", 20240611, DEFAULT_MIX, 1500000, 4000, false, EVERY_AREA, 6},
-    {"every_area_again", 7, DEFAULT_MIX, 1500000, 4000, false, EVERY_AREA, 6},
+    {"every_area_again", 7, DEFAULT_MIX, 500000, 4000, false, EVERY_AREA, 6},
     {"small_and_bucket_tides", 31337, SMALL_AND_BUCKET_MIX, 1000000, 40000, true, SMALL_AND_BUCKET,
      3},
 };

@@ -30,14 +30,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "bucket/bucket_alloc.h"
-#include "bucket/bucket_class.h"
-#include "bucket/bucket_release.h"
-#include "bucket/bucket_size_table.h"
-#include "bucket/run_length.h"
-#include "small/release.h"
-#include "small/small_class.h"
 #include "state/heap_audit.h"
+#include "support/figures.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
@@ -118,32 +112,6 @@ operation draw_operation(source& draws, const mix& m) {
     return op;
 }
 
-// What a block is, seen from the heap's records.
-enum class area : uint8_t { small, bucket, run, huge_run, zeroed, foreign, unknown };
-
-struct placement {
-    area where;
-    uint64_t usable;  // bytes from the block's address to the end of what serves it
-};
-
-inline placement place(uint64_t address) {
-    int small_class = small_class_owning(address);
-    if (small_class >= 0)
-        return {area::small, 4 * uint64_t{heap_state.small_class_head[small_class].units}};
-    uint32_t group;
-    if (group_descriptor_record* descriptor = in_use_descriptor(address, &group)) {
-        if (descriptor->bucket.unit_size != 0) return {area::bucket, descriptor->bucket.unit_size};
-        const large_run_view& run = descriptor->large;
-        uint64_t usable = run.run_groups * GROUP_BYTES - (address - run.group_base);
-        return {run.run_groups > RUN_LENGTH_TIERS[2].longest ? area::huge_run : area::run, usable};
-    }
-    uint64_t zeroed = address - heap_state.zeroed_region_base;
-    if (heap_state.zeroed_region_base != 0 && zeroed < ZEROED_REGION_BYTES)
-        return {area::zeroed, uint64_t{heap_state.zeroed_run_length[zeroed >> ZEROED_SLOT_SHIFT]}
-                                  << ZEROED_SLOT_SHIFT};
-    return {area::unknown, 0};
-}
-
 struct model_counts {
     uint64_t null_results, in_place, moved;
     uint64_t by_area[7];
@@ -161,7 +129,7 @@ class heap_model {
 
     // The heap must be ready; its fallback entries become the checking shims.
     void start() {
-        if (heap_state.init_state != INIT_READY) return fail("heap not ready");
+        if (heap_state.init_state != READY) return fail("heap not ready");
         // The heap's later draws (offsets of large blocks, the zeroed region's warm-up) follow
         // the seed; only the layout drawn from the time-stamp counter at start-up varies.
         heap_state.rng_state = seed_;
@@ -226,8 +194,8 @@ class heap_model {
     };
     enum class sweep : uint8_t { write, check, zero };
 
-    static constexpr uint64_t LONGEST_BIT_BYTES = RUN_LENGTH_TIERS[2].longest * GROUP_BYTES;
-    static constexpr uint64_t LONGEST_TABLE_BYTES = LONGEST_TABLE_RUN * GROUP_BYTES;
+    static constexpr uint64_t LONGEST_BIT_BYTES = 4032 * GROUP_BYTES;
+    static constexpr uint64_t LONGEST_TABLE_BYTES = 32768 * GROUP_BYTES;
     static constexpr uint64_t FULL_PATTERN_MAX = 65536;
     static constexpr uint64_t COPY_MAX = 64 << 20;
     static constexpr uint64_t SAMPLE = 256;
@@ -313,6 +281,7 @@ class heap_model {
                 return record(reinterpret_cast<uint64_t>(adopt(c_.malloc(op.size))),
                               {op.size, clock_, 0});
             case op_kind::mallopt:
+                fine_ = op.count == 0;
                 if (tarnheap_mallopt(TARNHEAP_M_ROUTING, static_cast<int>(op.count)) != 1 ||
                     tarnheap_mallopt(TARNHEAP_M_PROBE, TARNHEAP_PROBE_VALUE) !=
                         TARNHEAP_PROBE_ANSWER)
@@ -371,7 +340,7 @@ class heap_model {
 
     // The area a new block must come from, for the size the heap routes it by.
     void check_placement(uint64_t address, uint64_t served, op_kind kind) {
-        placement p = place(address);
+        placement p = place(reinterpret_cast<void*>(address));
         if (p.where == area::unknown && foreign_.count(address) != 0) p.where = area::foreign;
         counts_.by_area[static_cast<unsigned>(p.where)]++;
         bool by_malloc = kind == op_kind::malloc || kind == op_kind::realloc;
@@ -380,25 +349,21 @@ class heap_model {
         switch (p.where) {
             case area::small: {
                 unsigned c = served > SMALL_MAX ? 0
-                             : by_malloc        ? small_class_for(served)
-                                                : CALLOC_CLASS_TABLE.small_class[served >> 4];
-                right = served <= SMALL_MAX && SMALL_CLASS_TABLE.bytes[c] == p.usable &&
-                        (address - heap_state.small_class[c].first_block) %
-                                heap_state.small_class[c].block_size ==
-                            0;
+                             : by_malloc        ? malloc_class(served, fine_)
+                                                : calloc_class(served);
+                right = served <= SMALL_MAX && p.small_class == c &&
+                        p.usable == small_block_bytes(c) &&
+                        (address - heap_state.small_class[c].first_block) % p.usable == 0;
                 // Blocks of 4 to 64 bytes are as aligned as their size allows: 4 bytes at least.
                 alignment = std::min<uint64_t>(16, p.usable & (~p.usable + 1));
                 break;
             }
             case area::bucket:
-                right = served <= BUCKET_MAX &&
-                        p.usable == BUCKET_SIZE_TABLE.bytes[bucket_class_of(served)];
+                right = served <= BUCKET_MAX && p.usable == bucket_bytes(served);
                 break;
             case area::run:
             case area::huge_run: {
-                uint64_t groups = run_length_for((served + GROUP_BYTES - 1) / GROUP_BYTES).groups;
-                if (groups > LONGEST_TABLE_RUN) groups = (groups + 511) / 512 * 512;
-                uint64_t start_room = GROUP_BYTES * groups - p.usable;
+                uint64_t start_room = GROUP_BYTES * run_groups(served) - p.usable;
                 right = start_room < GROUP_BYTES && p.usable >= served &&
                         (kind != op_kind::realloc || start_room == 0);
                 break;
@@ -439,7 +404,7 @@ class heap_model {
         b.slot = starts_.size();
         live_[address] = b;
         starts_.push_back(address);
-        if (place(address).where == area::huge_run) {
+        if (place(reinterpret_cast<void*>(address)).where == area::huge_run) {
             huge_ = address;
             huge_ttl_ = 1 + b.identity % 300;
         }
@@ -488,7 +453,7 @@ class heap_model {
             return accept(op.kind, tarnheap_realloc(nullptr, op.size), op.size, op.size);
         uint64_t address = starts_[op.pick % starts_.size()];
         block old = live_.at(address);
-        placement before = place(address);
+        placement before = place(reinterpret_cast<void*>(address));
         bool foreign = foreign_.count(address) != 0;
         // A block above 64 MiB is not grown: the copy would touch all of it, and the bucket
         // area keeps what it touched. It shrinks instead, while a huge run lives to a small size.
@@ -529,6 +494,7 @@ class heap_model {
     c_runtime c_{};
     uint64_t huge_ = 0;  // the live run of more than 4032 groups, if any
     uint64_t huge_ttl_ = 0;
+    bool fine_ = false;  // the routing last set; the heap starts coarse
 };
 
 }  // namespace tarnheap::testing

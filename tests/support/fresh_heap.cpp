@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "state/initialise.h"
+#include "support/figures.h"
 #include "support/release_regions.h"
 #include "tarnheap.h"
 
@@ -16,7 +17,7 @@ void reset_heap() {
 void start_heap() {
     reset_heap();
     heap_initialise();
-    ASSERT_EQ(heap_state.init_state, INIT_READY);
+    ASSERT_EQ(heap_state.init_state, READY);
 }
 
 }  // namespace tarnheap::testing

@@ -19,12 +19,8 @@
 
 enum { SLOTS = 48 };
 
-struct slot {
-    void* block;
-    unsigned long number; /* 0: empty */
-};
-
-static struct slot slots[SLOTS];
+static void* blocks[SLOTS];
+static unsigned long numbers[SLOTS]; /* 0: empty */
 static unsigned long blocks_made;
 static uint64_t random_state;
 static int log_file;
@@ -36,17 +32,11 @@ static uint64_t draw(uint64_t below) {
 
 /* Sizes over every area: mostly small, then bucket units, a few runs of groups, and zero. */
 static size_t random_size(void) {
-    switch (draw(16)) {
-        case 0:
-            return 0;
-        case 1:
-        case 2:
-            return 257 + draw(35328 - 256);
-        case 3:
-            return 35329 + draw(600000);
-        default:
-            return 1 + draw(256);
-    }
+    uint64_t kind = draw(16);
+    return kind == 0   ? 0
+           : kind < 3  ? 257 + draw(35072)
+           : kind == 3 ? 35329 + draw(600000)
+                       : 1 + draw(256);
 }
 
 static void log_call(const char* call, uint64_t first, uint64_t second, unsigned long number,
@@ -57,57 +47,51 @@ static void log_call(const char* call, uint64_t first, uint64_t second, unsigned
     if (write(log_file, line, (size_t)length) != length) _exit(3);
 }
 
-static void made(struct slot* slot, void* block, const char* call, uint64_t first,
-                 uint64_t second) {
-    slot->block = block;
-    slot->number = block == NULL ? 0 : ++blocks_made;
-    log_call(call, first, second, slot->number, block == NULL ? " null" : "");
-}
-
-static void new_block(struct slot* slot) {
-    size_t size = random_size(), alignment = (size_t)16 << draw(6);
+static void new_block(unsigned slot) {
+    size_t size = random_size(), alignment = (size_t)16 << draw(6), count = 1 + draw(8);
+    uint64_t kind = draw(10), first = kind == 0 ? count : kind < 4 ? alignment : size;
+    uint64_t second = kind == 0 ? size / 8 : kind < 4 ? size : 0;
+    static const char* const NAMES[] = {"calloc", "posix_memalign", "aligned_alloc", "memalign",
+                                        "valloc"};
     void* block = NULL;
-    switch (draw(10)) {
-        case 0: {
-            size_t count = 1 + draw(8);
-            return made(slot, calloc(count, size / 8), "calloc", count, size / 8);
-        }
-        case 1:
-            if (posix_memalign(&block, alignment, size) != 0) block = NULL;
-            return made(slot, block, "posix_memalign", alignment, size);
-        case 2:
-            return made(slot, aligned_alloc(alignment, size), "aligned_alloc", alignment, size);
-        case 3:
-            return made(slot, memalign(alignment, size), "memalign", alignment, size);
-        case 4:
-            return made(slot, valloc(size), "valloc", size, 0);
-        default:
-            return made(slot, malloc(size), "malloc", size, 0);
-    }
+    if (kind == 0)
+        block = calloc(count, size / 8);
+    else if (kind == 1 && posix_memalign(&block, alignment, size) != 0)
+        block = NULL;
+    else if (kind == 2)
+        block = aligned_alloc(alignment, size);
+    else if (kind == 3)
+        block = memalign(alignment, size);
+    else if (kind == 4)
+        block = valloc(size);
+    else if (kind > 4)
+        block = malloc(size);
+    blocks[slot] = block;
+    numbers[slot] = block == NULL ? 0 : ++blocks_made;
+    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, numbers[slot],
+             block == NULL ? " null" : "");
 }
 
 /* A resize to 0 bytes that answers null has freed the block; any other null keeps it. */
-static void resize(struct slot* slot) {
+static void resize(unsigned slot) {
     size_t size = random_size();
     int array = draw(4) == 0;
-    void* moved = array ? reallocarray(slot->block, 2, size / 2) : realloc(slot->block, size);
+    void* moved = array ? reallocarray(blocks[slot], 2, size / 2) : realloc(blocks[slot], size);
     char flags[24];
-    snprintf(flags, sizeof flags, "%s%s", slot->block == NULL ? " from-null" : "",
+    snprintf(flags, sizeof flags, "%s%s", blocks[slot] == NULL ? " from-null" : "",
              moved == NULL ? " null" : "");
-    if (slot->block == NULL && moved != NULL) slot->number = ++blocks_made;
-    if (array)
-        log_call("reallocarray", 2, size / 2, slot->number, flags);
-    else
-        log_call("realloc", size, 0, slot->number, flags);
-    if (moved != NULL || (array ? size / 2 : size) == 0) slot->block = moved;
-    if (slot->block == NULL) slot->number = 0;
+    if (blocks[slot] == NULL && moved != NULL) numbers[slot] = ++blocks_made;
+    log_call(array ? "reallocarray" : "realloc", array ? 2 : size, array ? size / 2 : 0,
+             numbers[slot], flags);
+    if (moved != NULL || (array ? size / 2 : size) == 0) blocks[slot] = moved;
+    if (blocks[slot] == NULL) numbers[slot] = 0;
 }
 
-static void release(struct slot* slot) {
-    free(slot->block);
-    log_call("free", 0, 0, slot->number, "");
-    slot->block = NULL;
-    slot->number = 0;
+static void release(unsigned slot) {
+    free(blocks[slot]);
+    log_call("free", 0, 0, numbers[slot], "");
+    blocks[slot] = NULL;
+    numbers[slot] = 0;
 }
 
 static int random_calls(const char* seed, const char* count, const char* path) {
@@ -115,17 +99,16 @@ static int random_calls(const char* seed, const char* count, const char* path) {
     log_file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (log_file < 0) return 2;
     for (unsigned long call = strtoul(count, NULL, 10); call > 0; --call) {
-        struct slot* slot = &slots[draw(SLOTS)];
-        unsigned kind = (unsigned)draw(4);
-        if (kind == 0)
+        unsigned slot = (unsigned)draw(SLOTS);
+        if (draw(4) == 0)
             resize(slot);
-        else if (slot->block == NULL)
+        else if (blocks[slot] == NULL)
             new_block(slot);
         else
             release(slot);
     }
-    for (unsigned i = 0; i < SLOTS; ++i)
-        if (slots[i].block != NULL) release(&slots[i]);
+    for (unsigned slot = 0; slot < SLOTS; ++slot)
+        if (blocks[slot] != NULL) release(slot);
     return close(log_file);
 }
 
@@ -134,15 +117,13 @@ static int random_calls(const char* seed, const char* count, const char* path) {
  * emptied group of class 51. */
 static int construct(void) {
     static void* kept[3 + 20 + 30 + 17 + 2];
+    static const size_t SIZES[] = {100, 3000, 300, 4000, 200000};
+    static const int COUNTS[] = {3, 20, 30, 17, 2};
     void** block = kept;
-    for (int i = 0; i < 3; ++i) *block++ = malloc(100);
-    for (int i = 0; i < 20; ++i) *block++ = malloc(3000);
-    for (int i = 0; i < 30; ++i) *block++ = malloc(300);
-    void** bucket_units = block;
-    for (int i = 0; i < 17; ++i) *block++ = malloc(4000);
-    for (int i = 0; i < 2; ++i) *block++ = malloc(200000);
+    for (int size = 0; size < 5; ++size)
+        for (int i = 0; i < COUNTS[size]; ++i) *block++ = malloc(SIZES[size]);
     free(block[-1]);
-    for (int i = 0; i < 17; ++i) free(bucket_units[i]);
+    for (int i = 0; i < 17; ++i) free(kept[53 + i]);
     return 0;
 }
 

@@ -1,0 +1,326 @@
+// The entry points request by request: the class, group or run that serves each size, the order
+// in which blocks come back, what resize keeps or moves, and the answers of mallopt, all read
+// from heap_state and compared with the figures of support/figures.h.
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+#include "support/case_printer.h"
+#include "support/figures.h"
+#include "support/fresh_heap.h"
+#include "tarnheap.h"
+
+namespace tarnheap::testing {
+namespace {
+
+using tarnheap::testing::operator<<;
+
+const group_descriptor_record& group_of(const void* block) {
+    uint64_t offset = reinterpret_cast<uint64_t>(block) - heap_state.bucket_area_base;
+    return heap_state.group_descriptor[offset / GROUP_BYTES];
+}
+
+enum class entry : uint8_t { malloc, fine_malloc, calloc };
+constexpr const char* ENTRY_NAMES[] = {"malloc", "fine_malloc", "calloc"};
+constexpr const char* AREA_NAMES[] = {"class", "bucket", "run", "run"};
+
+struct request_case {
+    entry call;
+    uint64_t count, size;  // malloc takes `size` alone
+    area where;
+    unsigned number;  // small class, bucket class, or run-length entry (0: uncached)
+    uint64_t usable;  // block or unit bytes; groups of a run
+};
+
+class request : public fresh_heap, public ::testing::WithParamInterface<request_case> {};
+
+// Each block is the lowest its class, group or run offers, and the same comes back after a
+// release: from the class's stack, or from the run cache by its rounded length.
+TEST_P(request, is_served_by_its_class_and_served_again_after_release) {
+    const request_case& c = GetParam();
+    start_heap();
+    if (c.call == entry::fine_malloc) tarnheap_mallopt(TARNHEAP_M_ROUTING, TARNHEAP_ROUTING_FINE);
+    auto ask = [&c] {
+        return c.call == entry::calloc ? tarnheap_calloc(c.count, c.size) : tarnheap_malloc(c.size);
+    };
+    void* block = ask();
+    placement p = place(block);
+    ASSERT_EQ(p.where, c.where);
+    if (c.where == area::small) {
+        EXPECT_EQ(p.small_class, c.number);
+        EXPECT_EQ(p.usable, c.usable);
+        EXPECT_EQ(reinterpret_cast<uint64_t>(block), heap_state.small_class[c.number].first_block);
+    } else if (c.where == area::bucket) {
+        const bucket_group_view& group = group_of(block).bucket;
+        EXPECT_EQ(group.class_index, c.number);
+        EXPECT_EQ(p.usable, c.usable);
+        EXPECT_EQ(reinterpret_cast<uint64_t>(block), group.group_base);
+    } else {
+        EXPECT_EQ(group_of(block).large.run_groups, c.usable);
+    }
+    tarnheap_free(block);
+    if (c.where == area::run || c.where == area::huge_run) {
+        const group_descriptor_record& group = group_of(block);
+        EXPECT_EQ(heap_state.run_length_table[c.number].cached_runs, c.number ? &group : nullptr);
+        EXPECT_EQ(heap_state.cached_groups, c.number ? c.usable : 0);
+        EXPECT_EQ(&group_of(ask()), &group);
+    } else {
+        EXPECT_EQ(ask(), block);
+    }
+}
+
+constexpr uint64_t HALF_RANGE = uint64_t{1} << 63;
+INSTANTIATE_TEST_SUITE_P(
+    sizes, request,
+    ::testing::Values(request_case{entry::malloc, 1, 1, area::small, 0, 4},
+                      request_case{entry::malloc, 1, 4, area::small, 0, 4},
+                      request_case{entry::malloc, 1, 5, area::small, 1, 8},
+                      request_case{entry::malloc, 1, 8, area::small, 1, 8},
+                      request_case{entry::malloc, 1, 9, area::small, 3, 16},
+                      request_case{entry::malloc, 1, 16, area::small, 3, 16},
+                      request_case{entry::malloc, 1, 17, area::small, 7, 32},
+                      request_case{entry::malloc, 1, 32, area::small, 7, 32},
+                      request_case{entry::malloc, 1, 33, area::small, 11, 48},
+                      request_case{entry::malloc, 1, 48, area::small, 11, 48},
+                      request_case{entry::malloc, 1, 49, area::small, 15, 64},
+                      request_case{entry::malloc, 1, 64, area::small, 15, 64},
+                      request_case{entry::malloc, 1, 65, area::small, 16, 80},
+                      request_case{entry::malloc, 1, 81, area::small, 17, 96},
+                      request_case{entry::malloc, 1, 100, area::small, 18, 112},
+                      request_case{entry::malloc, 1, 241, area::small, 27, 256},
+                      request_case{entry::malloc, 1, 256, area::small, 27, 256},
+                      request_case{entry::fine_malloc, 1, 9, area::small, 2, 12},
+                      request_case{entry::fine_malloc, 1, 21, area::small, 5, 24},
+                      request_case{entry::fine_malloc, 1, 41, area::small, 10, 44},
+                      request_case{entry::fine_malloc, 1, 64, area::small, 15, 64},
+                      request_case{entry::fine_malloc, 1, 65, area::small, 16, 80},
+                      request_case{entry::calloc, 1, 1, area::small, 3, 16},
+                      request_case{entry::calloc, 3, 3, area::small, 3, 16},
+                      request_case{entry::calloc, 1, 17, area::small, 7, 32},
+                      request_case{entry::calloc, 1, 33, area::small, 11, 48},
+                      request_case{entry::calloc, 5, 10, area::small, 15, 64},
+                      request_case{entry::calloc, 1, 65, area::small, 16, 80},
+                      request_case{entry::calloc, 16, 16, area::small, 27, 256},
+                      request_case{entry::calloc, HALF_RANGE, 2, area::small, 0, 4},
+                      request_case{entry::calloc, 3, 100, area::bucket, 5, 320},
+                      request_case{entry::malloc, 1, 257, area::bucket, 5, 320},
+                      request_case{entry::malloc, 1, 2688, area::bucket, 42, 2688},
+                      request_case{entry::malloc, 1, 2689, area::bucket, 43, 2816},
+                      request_case{entry::malloc, 1, 3000, area::bucket, 45, 3072},
+                      request_case{entry::malloc, 1, 4096, area::bucket, 51, 4096},
+                      request_case{entry::malloc, 1, 4097, area::bucket, 52, 4416},
+                      request_case{entry::malloc, 1, 35328, area::bucket, 66, 35328},
+                      request_case{entry::malloc, 1, 35329, area::run, 1, 1},
+                      request_case{entry::malloc, 1, 70656, area::run, 1, 1},
+                      request_case{entry::malloc, 1, 70657, area::run, 2, 2},
+                      request_case{entry::malloc, 1, 4451328, area::run, 63, 63},
+                      request_case{entry::malloc, 1, 4451329, area::run, 72, 64},
+                      request_case{entry::malloc, 1, 10485760, area::run, 83, 152},
+                      request_case{entry::malloc, 1, 35610624, area::run, 127, 504},
+                      request_case{entry::malloc, 1, 35610625, area::run, 136, 512},
+                      request_case{entry::malloc, 1, 284884992, area::run, 191, 4032},
+                      request_case{entry::malloc, 1, 284884993, area::huge_run, 200, 4096},
+                      request_case{entry::malloc, 1, 2315255808, area::huge_run, 256, 32768},
+                      request_case{entry::malloc, 1, 2315255809, area::huge_run, 0, 33280}),
+    [](const auto& info) {
+        const request_case& c = info.param;
+        std::string size = c.call != entry::calloc ? ""
+                           : c.count > 1000        ? "wrapped_"
+                                                   : std::to_string(c.count) + "x";
+        return std::string(ENTRY_NAMES[int(c.call)]) + "_" + size + std::to_string(c.size) + "_" +
+               AREA_NAMES[int(c.where)] + "_" + std::to_string(c.number);
+    });
+
+class entry_points : public fresh_heap {};
+
+TEST_F(entry_points, refuse_requests_for_nothing_with_enomem_before_and_after_start) {
+    for (int round = 0; round < 2; ++round) {
+        for (void* (*ask)() :
+             {+[] { return tarnheap_malloc(0); }, +[] { return tarnheap_calloc(0, 8); },
+              +[] { return tarnheap_calloc(8, 0); },
+              +[] { return tarnheap_realloc(nullptr, 0); }}) {
+            errno = 0;
+            EXPECT_EQ(ask(), nullptr);
+            EXPECT_EQ(errno, ENOMEM);
+        }
+        tarnheap_free(nullptr);
+        tarnheap_free(tarnheap_malloc(1));
+    }
+}
+
+// A refill commits the segment once and hands out ascending blocks; releases stack up last in,
+// first out, until a push onto a full stack (by free or by realloc's move) flushes it first.
+TEST_F(entry_points, a_small_class_refills_in_order_and_flushes_a_full_stack) {
+    static int segment_commits;
+    segment_commits = 0;
+    platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
+        segment_commits += type == MEMORY_COMMIT && size == SEGMENT_BYTES;
+        return platform_virtual_alloc(at, size, type, protect);
+    };
+    std::vector<char*> blocks;
+    for (int i = 0; i < 3 * REFILL; ++i) blocks.push_back(static_cast<char*>(tarnheap_malloc(100)));
+    for (size_t i = 1; i < blocks.size(); ++i) ASSERT_EQ(blocks[i] - blocks[i - 1], 112) << i;
+    const small_class_head_record& head = heap_state.small_class_head[18];
+    const small_class_record& descriptor = heap_state.small_class[18];
+    EXPECT_EQ(segment_commits, 1);
+    EXPECT_EQ(descriptor.uncommitted_base, 0u);
+    EXPECT_EQ(reinterpret_cast<uint64_t>(blocks[0]), descriptor.first_block);
+    EXPECT_EQ(int(descriptor.capacity) - descriptor.remaining, 3 * REFILL);
+    EXPECT_EQ(head.depth, 0);
+    tarnheap_free(blocks[10]);
+    tarnheap_free(blocks[20]);
+    EXPECT_EQ(tarnheap_malloc(97), blocks[20]);
+    EXPECT_EQ(tarnheap_malloc(112), blocks[10]);
+
+    int32_t remaining = descriptor.remaining;
+    for (int i = 0; i < STACK_CAPACITY; ++i) tarnheap_free(blocks[i + 5]);
+    EXPECT_EQ(head.depth, STACK_CAPACITY);
+    EXPECT_EQ(descriptor.remaining, remaining);
+    void* moved = tarnheap_realloc(blocks[0], 113);
+    EXPECT_EQ(place(moved).small_class, 19u);
+    EXPECT_EQ(head.depth, 1);
+    EXPECT_EQ(descriptor.remaining, remaining + STACK_CAPACITY);
+    EXPECT_EQ(descriptor.cursor, 0u);
+    EXPECT_EQ(tarnheap_malloc(100), blocks[0]);
+    EXPECT_EQ(tarnheap_malloc(100), blocks[5]);  // back from the bitmap, lowest first
+    // Blocks 6 to 1020 came back onto the stack with the refill; 2013 and above are still out.
+    for (int i = 2013; head.depth < STACK_CAPACITY; ++i) tarnheap_free(blocks[i]);
+    tarnheap_free(blocks[3047]);
+    EXPECT_EQ(head.depth, 1);
+}
+
+// Units go out lowest first; a full group leaves its class's list when a request finds it full
+// and comes back at the head with its next release; an emptied group waits in the run cache,
+// still claimed, and serves the next class that needs a group.
+TEST_F(entry_points, a_bucket_group_leaves_and_rejoins_its_list_and_passes_through_the_cache) {
+    std::vector<char*> units;
+    for (int i = 0; i < 23; ++i) units.push_back(static_cast<char*>(tarnheap_malloc(3000)));
+    const bucket_group_view& full = group_of(units[0]).bucket;
+    for (int i = 0; i < 23; ++i) EXPECT_EQ(units[i], units[0] + 3072 * i) << i;
+    EXPECT_EQ(full.unit_count, 23);
+    tarnheap_free(units[5]);
+    EXPECT_EQ(tarnheap_malloc(3072), units[5]);
+    void* other = tarnheap_malloc(3000);
+    const bucket_group_view& fresh = group_of(other).bucket;
+    uint32_t full_index = uint32_t(&group_of(units[0]) - heap_state.group_descriptor);
+    uint32_t fresh_index = uint32_t(&group_of(other) - heap_state.group_descriptor);
+    EXPECT_EQ(full.detached, 1);
+    EXPECT_EQ(full.next_group, 0u);
+    EXPECT_EQ(heap_state.bucket_class_table[45].group_index, fresh_index);
+    tarnheap_free(units[7]);
+    EXPECT_EQ(full.detached, 0);
+    EXPECT_EQ(heap_state.bucket_class_table[45].group_index, full_index);
+    EXPECT_EQ(full.next_group, fresh_index);
+    EXPECT_EQ(fresh.prev_group, full_index);
+    EXPECT_EQ(tarnheap_malloc(3000), units[7]);
+
+    tarnheap_free(other);
+    EXPECT_EQ(heap_state.run_length_table[1].cached_runs, &group_of(other));
+    EXPECT_EQ(heap_state.cached_groups, 1u);
+    EXPECT_TRUE((heap_state.group_bitmap[fresh_index / 8] >> (fresh_index % 8)) & 1);
+    EXPECT_EQ(tarnheap_malloc(4992), other);
+    EXPECT_EQ(fresh.class_index, 54);
+    EXPECT_EQ(fresh.unit_count, 14);
+    EXPECT_EQ(heap_state.cached_groups, 0u);
+}
+
+struct resize_case {
+    uint64_t from, to;
+    bool stays;
+};
+
+// Small blocks stay while the size fits their class; bucket and large blocks stay when
+// shrunk, except a block of 35329 bytes or more asked for at most a 256th of it.
+TEST_F(entry_points, realloc_keeps_or_moves_by_the_usable_size) {
+    const resize_case cases[] = {{100, 1, true},       {100, 112, true},      {100, 113, false},
+                                 {3000, 10, true},     {3000, 3072, true},    {3000, 3073, false},
+                                 {35328, 1, true},     {70656, 277, true},    {70656, 276, false},
+                                 {70656, 70656, true}, {70656, 70657, false}, {4, 5, false}};
+    for (const resize_case& c : cases) {
+        auto* block = static_cast<uint8_t*>(tarnheap_realloc(nullptr, c.from));
+        for (uint64_t i = 0; i < c.from; ++i) block[i] = uint8_t(i * 7 + c.to);
+        auto* result = static_cast<uint8_t*>(tarnheap_realloc(block, c.to));
+        EXPECT_EQ(result == block, c.stays) << c.from << " to " << c.to;
+        for (uint64_t i = 0; i < std::min(c.from, c.to); ++i)
+            ASSERT_EQ(result[i], uint8_t(i * 7 + c.to)) << c.from << " to " << c.to;
+        // The old block is the next one its class or the cache hands out.
+        if (!c.stays) {
+            EXPECT_EQ(tarnheap_malloc(c.from), block) << c.from;
+        }
+    }
+    void* block = tarnheap_malloc(40);
+    errno = 0;
+    EXPECT_EQ(tarnheap_realloc(block, 0), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(tarnheap_malloc(40), block);
+    heap_state.fallback_malloc = nullptr;
+    errno = 0;
+    EXPECT_EQ(tarnheap_realloc(block, LARGE_MAX + 1), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(tarnheap_realloc(block, 48), block);
+}
+
+// While initialisation runs, requests are carved from the bootstrap arena: a 16-byte header
+// with the piece's size, then the block. Pieces are never reused; resize keeps them while they
+// fit and moves them otherwise; a full arena without a fallback fails.
+TEST_F(entry_points, requests_during_initialisation_come_from_the_bootstrap_arena) {
+    heap_state.init_state = INITIALISING;
+    auto* block = static_cast<uint8_t*>(tarnheap_malloc(100));
+    EXPECT_EQ(block, heap_state.bootstrap_arena + 16);
+    uint64_t header;
+    std::memcpy(&header, heap_state.bootstrap_arena, sizeof header);
+    EXPECT_EQ(header, 128u);
+    EXPECT_EQ(tarnheap_calloc(2, 10), heap_state.bootstrap_arena + 128 + 16);
+    tarnheap_free(block);
+    EXPECT_EQ(heap_state.bootstrap_used, 128u + 48u);
+    std::memset(block, 9, 112);
+    EXPECT_EQ(tarnheap_realloc(block, 112), block);
+    EXPECT_EQ(tarnheap_realloc(block, 10), block);
+    heap_state.bootstrap_used = 0x200000 - 128;  // room for exactly one more such piece
+    EXPECT_EQ(tarnheap_malloc(100), heap_state.bootstrap_arena + 0x200000 - 112);
+    heap_state.fallback_malloc = nullptr;
+    errno = 0;
+    EXPECT_EQ(tarnheap_malloc(100), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    heap_state.init_state = NOT_STARTED;
+    auto* moved = static_cast<uint8_t*>(tarnheap_realloc(block, 113));
+    ASSERT_EQ(place(moved).where, area::small);
+    EXPECT_EQ(moved[111], 9);
+}
+
+// An address whose low bits fall in a class's segment but whose high bits differ is not the
+// heap's: it goes to the C runtime's free.
+TEST_F(entry_points, foreign_pointers_go_back_to_the_fallback) {
+    start_heap();
+    static void* released;
+    heap_state.fallback_free = [](void* block) { released = block; };
+    uint64_t lookalike = (region_base() ^ (uint64_t{1} << 40)) + 18 * SEGMENT_BYTES + 4096;
+    tarnheap_free(reinterpret_cast<void*>(lookalike));
+    EXPECT_EQ(released, reinterpret_cast<void*>(lookalike));
+    EXPECT_EQ(heap_state.small_class_head[18].depth, 0);
+}
+
+struct mallopt_call {
+    int option, value, answer;
+};
+
+TEST_F(entry_points, mallopt_answers_its_option_and_the_probe_only_without_touching_errno) {
+    const mallopt_call calls[] = {{57005, 48879, 2989}, {3225, 0, 1}, {3225, 5, 1}, {57005, 0, 0},
+                                  {1, 48879, 0},        {0, 0, 0},    {-1, -1, 0}};
+    for (const mallopt_call& c : calls) {
+        errno = 1234;
+        EXPECT_EQ(tarnheap_mallopt(c.option, c.value), c.answer) << c.option << " " << c.value;
+        EXPECT_EQ(errno, 1234);
+    }
+    // Before the first request: overwritten by the start's coarse routing.
+    EXPECT_EQ(heap_state.init_state, NOT_STARTED);
+    tarnheap_mallopt(3225, 0);
+    EXPECT_EQ(place(tarnheap_malloc(9)).small_class, 3u);
+}
+
+}  // namespace
+}  // namespace tarnheap::testing
