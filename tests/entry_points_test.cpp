@@ -73,67 +73,49 @@ TEST_P(request, is_served_by_its_class_and_served_again_after_release) {
     }
 }
 
+constexpr entry MALLOC = entry::malloc, FINE = entry::fine_malloc, CALLOC = entry::calloc;
+constexpr area SMALL = area::small, BUCKET = area::bucket, RUN = area::run, HUGE = area::huge_run;
 constexpr uint64_t HALF_RANGE = uint64_t{1} << 63;
-INSTANTIATE_TEST_SUITE_P(
-    sizes, request,
-    ::testing::Values(request_case{entry::malloc, 1, 1, area::small, 0, 4},
-                      request_case{entry::malloc, 1, 4, area::small, 0, 4},
-                      request_case{entry::malloc, 1, 5, area::small, 1, 8},
-                      request_case{entry::malloc, 1, 8, area::small, 1, 8},
-                      request_case{entry::malloc, 1, 9, area::small, 3, 16},
-                      request_case{entry::malloc, 1, 16, area::small, 3, 16},
-                      request_case{entry::malloc, 1, 17, area::small, 7, 32},
-                      request_case{entry::malloc, 1, 32, area::small, 7, 32},
-                      request_case{entry::malloc, 1, 33, area::small, 11, 48},
-                      request_case{entry::malloc, 1, 48, area::small, 11, 48},
-                      request_case{entry::malloc, 1, 49, area::small, 15, 64},
-                      request_case{entry::malloc, 1, 64, area::small, 15, 64},
-                      request_case{entry::malloc, 1, 65, area::small, 16, 80},
-                      request_case{entry::malloc, 1, 81, area::small, 17, 96},
-                      request_case{entry::malloc, 1, 100, area::small, 18, 112},
-                      request_case{entry::malloc, 1, 241, area::small, 27, 256},
-                      request_case{entry::malloc, 1, 256, area::small, 27, 256},
-                      request_case{entry::fine_malloc, 1, 9, area::small, 2, 12},
-                      request_case{entry::fine_malloc, 1, 21, area::small, 5, 24},
-                      request_case{entry::fine_malloc, 1, 41, area::small, 10, 44},
-                      request_case{entry::fine_malloc, 1, 64, area::small, 15, 64},
-                      request_case{entry::fine_malloc, 1, 65, area::small, 16, 80},
-                      request_case{entry::calloc, 1, 1, area::small, 3, 16},
-                      request_case{entry::calloc, 3, 3, area::small, 3, 16},
-                      request_case{entry::calloc, 1, 17, area::small, 7, 32},
-                      request_case{entry::calloc, 1, 33, area::small, 11, 48},
-                      request_case{entry::calloc, 5, 10, area::small, 15, 64},
-                      request_case{entry::calloc, 1, 65, area::small, 16, 80},
-                      request_case{entry::calloc, 16, 16, area::small, 27, 256},
-                      request_case{entry::calloc, HALF_RANGE, 2, area::small, 0, 4},
-                      request_case{entry::calloc, 3, 100, area::bucket, 5, 320},
-                      request_case{entry::malloc, 1, 257, area::bucket, 5, 320},
-                      request_case{entry::malloc, 1, 2688, area::bucket, 42, 2688},
-                      request_case{entry::malloc, 1, 2689, area::bucket, 43, 2816},
-                      request_case{entry::malloc, 1, 3000, area::bucket, 45, 3072},
-                      request_case{entry::malloc, 1, 4096, area::bucket, 51, 4096},
-                      request_case{entry::malloc, 1, 4097, area::bucket, 52, 4416},
-                      request_case{entry::malloc, 1, 35328, area::bucket, 66, 35328},
-                      request_case{entry::malloc, 1, 35329, area::run, 1, 1},
-                      request_case{entry::malloc, 1, 70656, area::run, 1, 1},
-                      request_case{entry::malloc, 1, 70657, area::run, 2, 2},
-                      request_case{entry::malloc, 1, 4451328, area::run, 63, 63},
-                      request_case{entry::malloc, 1, 4451329, area::run, 72, 64},
-                      request_case{entry::malloc, 1, 10485760, area::run, 83, 152},
-                      request_case{entry::malloc, 1, 35610624, area::run, 127, 504},
-                      request_case{entry::malloc, 1, 35610625, area::run, 136, 512},
-                      request_case{entry::malloc, 1, 284884992, area::run, 191, 4032},
-                      request_case{entry::malloc, 1, 284884993, area::huge_run, 200, 4096},
-                      request_case{entry::malloc, 1, 2315255808, area::huge_run, 256, 32768},
-                      request_case{entry::malloc, 1, 2315255809, area::huge_run, 0, 33280}),
-    [](const auto& info) {
-        const request_case& c = info.param;
-        std::string size = c.call != entry::calloc ? ""
-                           : c.count > 1000        ? "wrapped_"
-                                                   : std::to_string(c.count) + "x";
-        return std::string(ENTRY_NAMES[int(c.call)]) + "_" + size + std::to_string(c.size) + "_" +
-               AREA_NAMES[int(c.where)] + "_" + std::to_string(c.number);
-    });
+// The first and last size of each class ladder's step, finder tier and routing.
+constexpr request_case REQUESTS[] = {{MALLOC, 1, 1, SMALL, 0, 4},
+                                     {MALLOC, 1, 5, SMALL, 1, 8},
+                                     {MALLOC, 1, 9, SMALL, 3, 16},
+                                     {MALLOC, 1, 17, SMALL, 7, 32},
+                                     {MALLOC, 1, 48, SMALL, 11, 48},
+                                     {MALLOC, 1, 49, SMALL, 15, 64},
+                                     {MALLOC, 1, 65, SMALL, 16, 80},
+                                     {MALLOC, 1, 256, SMALL, 27, 256},
+                                     {FINE, 1, 9, SMALL, 2, 12},
+                                     {FINE, 1, 21, SMALL, 5, 24},
+                                     {FINE, 1, 41, SMALL, 10, 44},
+                                     {CALLOC, 1, 1, SMALL, 3, 16},
+                                     {CALLOC, 3, 3, SMALL, 3, 16},
+                                     {CALLOC, 5, 10, SMALL, 15, 64},
+                                     {CALLOC, 16, 16, SMALL, 27, 256},
+                                     {CALLOC, HALF_RANGE, 2, SMALL, 0, 4},
+                                     {CALLOC, 3, 100, BUCKET, 5, 320},
+                                     {MALLOC, 1, 257, BUCKET, 5, 320},
+                                     {MALLOC, 1, 2688, BUCKET, 42, 2688},
+                                     {MALLOC, 1, 2689, BUCKET, 43, 2816},
+                                     {MALLOC, 1, 4097, BUCKET, 52, 4416},
+                                     {MALLOC, 1, 35328, BUCKET, 66, 35328},
+                                     {MALLOC, 1, 35329, RUN, 1, 1},
+                                     {MALLOC, 1, 70657, RUN, 2, 2},
+                                     {MALLOC, 1, 4451328, RUN, 63, 63},
+                                     {MALLOC, 1, 4451329, RUN, 72, 64},
+                                     {MALLOC, 1, 35610625, RUN, 136, 512},
+                                     {MALLOC, 1, 284884992, RUN, 191, 4032},
+                                     {MALLOC, 1, 284884993, HUGE, 200, 4096},
+                                     {MALLOC, 1, 2315255808, HUGE, 256, 32768},
+                                     {MALLOC, 1, 2315255809, HUGE, 0, 33280}};
+INSTANTIATE_TEST_SUITE_P(sizes, request, ::testing::ValuesIn(REQUESTS), [](const auto& info) {
+    const request_case& c = info.param;
+    std::string size = c.call != entry::calloc ? ""
+                       : c.count > 1000        ? "wrapped_"
+                                               : std::to_string(c.count) + "x";
+    return std::string(ENTRY_NAMES[int(c.call)]) + "_" + size + std::to_string(c.size) + "_" +
+           AREA_NAMES[int(c.where)] + "_" + std::to_string(c.number);
+});
 
 class entry_points : public fresh_heap {};
 

@@ -36,7 +36,6 @@ constexpr size_band FUZZ_BANDS[] = {{1, 64, 20},
                                     {35329, 4451328, 10},
                                     {4451329, 284884992, 5},
                                     {716800, 1048576, 10},
-                                    {284884993, LARGE_MAX, 2},
                                     {LARGE_MAX + 1, LARGE_MAX + GIB, 2},
                                     {0, 0, 3}};
 constexpr mix FUZZ_MIX = {FUZZ_BANDS, std::size(FUZZ_BANDS), DEFAULT_OPERATIONS};

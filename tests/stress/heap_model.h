@@ -5,8 +5,8 @@
 // identity, checked when it is resized or released (blocks above 64 KiB only over sampled
 // spans). Each new block is checked against the area that serves it, its alignment, calloc's
 // zeroes and realloc's stay-or-move; every null must come with errno 12; no two live blocks may
-// overlap. The C runtime's entries are replaced by shims that fail on any block that is not the
-// C runtime's.
+// overlap. Blocks of the C runtime (requests beyond the heap's reach, or taken from it directly)
+// go back to it through the heap's entries, which must recognise them.
 //
 // Runs of more than 4032 groups are claimed at block level and leave their groups clear in
 // the group bitmap, so that a later claim may hand those groups out again (designed, and kept):
@@ -16,9 +16,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -106,41 +106,22 @@ operation draw_operation(source& draws, const mix& m) {
 
 struct model_counts {
     uint64_t null_results, in_place, moved;
-    uint64_t by_area[7];
+    uint64_t by_area[6];
 };
 
 class heap_model {
   public:
     // Above `live_limit` live blocks every allocation turns into a release.
     heap_model(uint64_t seed, size_t live_limit) : seed_(seed), live_limit_(live_limit) {}
-    ~heap_model() { restore_fallback(); }
-
     bool failed() const { return !failure_.empty(); }
     const std::string& failure() const { return failure_; }
     const model_counts& counts() const { return counts_; }
 
-    // The heap must be ready; its fallback entries become the checking shims.
+    // The heap must be ready.
     void start() {
         if (heap_state.init_state != READY) return fail("heap not ready");
         // The heap's later draws follow the seed; only the layout drawn at start-up varies.
         heap_state.rng_state = seed_;
-        c_ = {heap_state.fallback_malloc, heap_state.fallback_free, heap_state.fallback_calloc,
-              heap_state.fallback_realloc};
-        owner() = this;
-        heap_state.fallback_malloc = [](size_t n) { return owner()->adopt(owner()->c_.malloc(n)); };
-        heap_state.fallback_calloc = [](size_t n, size_t s) {
-            return owner()->adopt(owner()->c_.calloc(n, s));
-        };
-        heap_state.fallback_free = [](void* p) {
-            if (owner()->disown(p, "free")) owner()->c_.free(p);
-        };
-        heap_state.fallback_realloc = [](void* p, size_t n) -> void* {
-            if (!owner()->foreign_.count(reinterpret_cast<uint64_t>(p)))
-                return owner()->fail("heap block given to C realloc"), nullptr;
-            void* moved = owner()->c_.realloc(p, n);
-            if (moved != nullptr) owner()->disown(p, "realloc");
-            return owner()->adopt(moved);
-        };
     }
 
     void execute(const operation& op) {
@@ -161,9 +142,7 @@ class heap_model {
     // Releases every live block through the heap, checking each, and audits the empty heap.
     void finish() {
         while (!starts_.empty() && !failed()) release(starts_.back());
-        if (!foreign_.empty()) fail(foreign_.size(), "C runtime blocks never released");
         audit();
-        restore_fallback();
     }
 
   private:
@@ -171,28 +150,7 @@ class heap_model {
         uint64_t size, identity;
         size_t slot;  // in starts_
     };
-    struct c_runtime {
-        void* (*malloc)(size_t);
-        void (*free)(void*);
-        void* (*calloc)(size_t, size_t);
-        void* (*realloc)(void*, size_t);
-    };
     enum class sweep : uint8_t { write, check, zero };
-
-    static heap_model*& owner() {
-        static heap_model* model = nullptr;
-        return model;
-    }
-
-    void restore_fallback() {
-        if (owner() != this) return;
-        heap_state.fallback_malloc = c_.malloc;
-        heap_state.fallback_free = c_.free;
-        heap_state.fallback_calloc = c_.calloc;
-        heap_state.fallback_realloc = c_.realloc;
-        owner() = nullptr;
-    }
-
     template <class... parts>
     void fail(const parts&... p) {
         if (failed()) return;
@@ -200,17 +158,6 @@ class heap_model {
         out << "seed " << seed_ << ", operation " << clock_ << ":";
         ((out << ' ' << p), ...);
         failure_ = out.str();
-    }
-
-    void* adopt(void* foreign) {
-        if (foreign != nullptr) foreign_.insert(reinterpret_cast<uint64_t>(foreign));
-        return foreign;
-    }
-
-    bool disown(void* p, const char* entry) {
-        if (foreign_.erase(reinterpret_cast<uint64_t>(p)) != 0) return true;
-        fail("heap block given to C", entry);
-        return false;
     }
 
     // Keeps requests below block-level runs (see above) and leaves calloc's huge blocks, which
@@ -247,7 +194,7 @@ class heap_model {
                 return release(starts_[op.pick % starts_.size()]);
             case op_kind::foreign:
                 // A block of the C runtime, to be released and resized through the heap later.
-                return record(reinterpret_cast<uint64_t>(adopt(c_.malloc(op.size))),
+                return record(reinterpret_cast<uint64_t>(std::malloc(op.size)),
                               {op.size, clock_, 0});
             case op_kind::mallopt:
                 fine_ = op.count == 0;
@@ -307,7 +254,6 @@ class heap_model {
     // The area a new block must come from, for the size the heap routes it by.
     void check_placement(uint64_t address, uint64_t served, op_kind kind) {
         placement p = place(reinterpret_cast<void*>(address));
-        if (p.where == area::unknown && foreign_.count(address) != 0) p.where = area::foreign;
         counts_.by_area[static_cast<unsigned>(p.where)]++;
         bool by_malloc = kind != op_kind::calloc;
         uint64_t alignment = 64;
@@ -338,11 +284,11 @@ class heap_model {
                         p.usable == (served + 65535) / 65536 * 65536;
                 alignment = 65536;
                 break;
+            case area::huge_run:  // the traffic never asks for one
+                right = false;
+                break;
             case area::foreign:
                 alignment = 16;
-                break;
-            default:
-                right = false;
         }
         if (!right || address % alignment != 0)
             fail("block at", address, "for", served, "bytes: wrong for area",
@@ -397,7 +343,7 @@ class heap_model {
         uint64_t address = starts_[op.pick % starts_.size()];
         block old = live_.at(address);
         placement before = place(reinterpret_cast<void*>(address));
-        bool foreign = foreign_.count(address) != 0;
+        bool foreign = before.where == area::foreign;
         // A block above 64 MiB is not grown: the copy would touch all of it, and the bucket
         // area keeps what it touched. It shrinks instead.
         uint64_t size =
@@ -416,7 +362,7 @@ class heap_model {
         if (!foreign && (moved == address) != stays(before, size))
             return fail("realloc of", before.usable, "usable bytes to", size,
                         moved == address ? "stayed" : "moved");
-        if (foreign && foreign_.count(moved) == 0)
+        if (foreign && place(result).where != area::foreign)
             return fail("realloc moved a C runtime block into the heap");
         ++(moved == address ? counts_.in_place : counts_.moved);
         if (!sweep_block(moved, old, size, sweep::check)) return;
@@ -432,9 +378,7 @@ class heap_model {
     model_counts counts_{};
     std::map<uint64_t, block> live_;  // start -> block
     std::vector<uint64_t> starts_;    // the live starts, for picking one at random
-    std::set<uint64_t> foreign_;      // blocks the C runtime owns
-    c_runtime c_{};
-    bool fine_ = false;  // the routing last set; the heap starts coarse
+    bool fine_ = false;               // the routing last set; the heap starts coarse
 };
 
 }  // namespace tarnheap::testing

@@ -69,7 +69,7 @@ inline constexpr unsigned run_entry(uint64_t groups) {
                                      : 192 + groups / 512);
 }
 
-enum class area : uint8_t { small, bucket, run, huge_run, zeroed, foreign, unknown };
+enum class area : uint8_t { small, bucket, run, huge_run, zeroed, foreign };
 
 struct placement {
     area where;
@@ -98,7 +98,7 @@ inline placement place(const void* block) {
     if (heap_state.zeroed_region_base != 0 && zeroed < ZEROED_BYTES)
         return {area::zeroed, 0,
                 uint64_t{heap_state.zeroed_run_length[zeroed / SLOT_BYTES]} * 65536};
-    return {area::unknown, 0, 0};
+    return {area::foreign, 0, 0};  // the C runtime's, or no block at all
 }
 
 }  // namespace tarnheap::testing
