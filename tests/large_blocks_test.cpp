@@ -5,21 +5,17 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include "bucket/commit_groups.h"
 #include "platform/platform.h"
-#include "support/case_printer.h"
 #include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
 namespace tarnheap::testing {
 namespace {
-
-using tarnheap::testing::operator<<;
 
 bool in_bucket_area(const void* block) {
     return reinterpret_cast<uint64_t>(block) - heap_state.bucket_area_base < BUCKET_AREA_BYTES;
@@ -130,48 +126,31 @@ TEST_F(large_blocks, the_zeroed_region_is_made_at_the_201st_qualifying_calloc) {
     EXPECT_TRUE(all_zero(block, 13 * SLOT_BYTES));
 }
 
-struct zeroed_case {
-    uint64_t total, slots;
-    bool zero_range_fails;  // then the release fills the block itself
-};
-
-class zeroed_region : public large_blocks, public ::testing::WithParamInterface<zeroed_case> {};
-
-// A release zeroes the block again and frees its slots, keeping the high-water mark; the same
-// request then gets the same block, zero.
-TEST_P(zeroed_region, a_block_is_zero_again_when_handed_out_a_second_time) {
-    const zeroed_case& c = GetParam();
-    start_heap();
-    heap_state.zeroed_uses = 200;
-    if (c.zero_range_fails)
-        heap_state.memory_ops_copy.zero_range = [](void*, uint64_t, uint64_t) { return 1u; };
-    void* block = tarnheap_calloc(c.total / 16, 16);
-    ASSERT_EQ(place(block).where, area::zeroed);
-    uint64_t slot = slot_of(block);
-    const run_search_state& search = heap_state.zeroed_search_state;
-    EXPECT_EQ(heap_state.zeroed_run_length[slot], c.slots);
-    EXPECT_EQ(search.run_counts[c.slots - 1], 1u);
-    uint32_t high_water = search.high_water;
-    std::memset(block, 0xEE, c.slots * SLOT_BYTES);
-    tarnheap_free(block);
-    for (uint64_t s = slot; s < slot + c.slots; ++s)
-        EXPECT_FALSE((heap_state.zeroed_bitmap[s / 8] >> (s % 8)) & 1) << s;
-    EXPECT_EQ(search.run_counts[c.slots - 1], 0u);
-    EXPECT_EQ(search.high_water, high_water);
-    void* again = tarnheap_calloc(1, c.total);
-    EXPECT_EQ(again, block);
-    EXPECT_TRUE(all_zero(again, c.slots * SLOT_BYTES));
+// A release zeroes the block again (by hand when zero_range fails) and frees its slots, keeping
+// the high-water mark; the same request then gets the same block, zero.
+TEST_F(large_blocks, a_zeroed_block_is_zero_again_when_handed_out_a_second_time) {
+    for (bool zero_range_fails : {false, true}) {
+        start_heap();
+        heap_state.zeroed_uses = 200;
+        if (zero_range_fails)
+            heap_state.memory_ops_copy.zero_range = [](void*, uint64_t, uint64_t) { return 1u; };
+        void* block = tarnheap_calloc(62500, 16);  // 16 slots
+        ASSERT_EQ(place(block).where, area::zeroed);
+        uint64_t slot = slot_of(block);
+        const run_search_state& search = heap_state.zeroed_search_state;
+        EXPECT_EQ(search.run_counts[15], 1u);
+        uint32_t high_water = search.high_water;
+        std::memset(block, 0xEE, 16 * SLOT_BYTES);
+        tarnheap_free(block);
+        for (uint64_t s = slot; s < slot + 16; ++s)
+            EXPECT_FALSE((heap_state.zeroed_bitmap[s / 8] >> (s % 8)) & 1) << s;
+        EXPECT_EQ(search.run_counts[15], 0u);
+        EXPECT_EQ(search.high_water, high_water);
+        void* again = tarnheap_calloc(1, 1000000);
+        EXPECT_EQ(again, block);
+        EXPECT_TRUE(all_zero(again, 16 * SLOT_BYTES));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(totals, zeroed_region,
-                         ::testing::Values(zeroed_case{716800, 11, false},
-                                           zeroed_case{1048576, 16, false},
-                                           zeroed_case{1000000, 16, true}),
-                         [](const auto& info) {
-                             return std::to_string(info.param.total) + "_bytes_" +
-                                    std::to_string(info.param.slots) + "_slots" +
-                                    (info.param.zero_range_fails ? "_zeroed_by_hand" : "");
-                         });
 
 }  // namespace
 }  // namespace tarnheap::testing
