@@ -44,7 +44,14 @@ of three times the slowest in its round plus 10 s. The whole programs and tarnhe
 
 A mutant is killed when a test fails or times out (or a test program fails while listing its
 tests during the build), survives when all pass, and fails to compile when the build fails.
-The score is killed / (killed + survived). A mutant whose object files, without their debug
+The score is killed / (killed + survived), counting neither the mutants that fail to compile
+nor those a developer has shown to be equivalent: tests/mutation/equivalent.md (or --equivalent)
+is a markdown table whose rows give a mutant's place (file:line:column), its change as the
+report writes it, and the reason the change cannot be told apart from the original by any
+caller. An equivalent mutant that
+survives is reported as such; one that is killed counts as killed (and its row is stale). A
+name holds the line and column, so a row goes stale when its file changes above the mutant.
+A mutant whose object files, without their debug
 information, are the same as the unmutated tree's is not tested: it survives and is marked
 "same code" (the change never reaches the machine code, e.g. it is in a branch the Linux build
 discards).
@@ -68,6 +75,7 @@ from collections import Counter
 from dataclasses import dataclass
 
 REPOSITORY = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+EQUIVALENT = os.path.join(REPOSITORY, "tests", "mutation", "equivalent.md")
 DEFAULT_SAMPLE = 50
 DEFAULT_SKIP = r"^(program|trace)\."
 ROUND_BOUNDS = (1.0, 10.0)
@@ -623,22 +631,35 @@ class Scratch:
 
 # --- Report ----------------------------------------------------------------------------------
 
-def summary(results, total, run):
+def equivalent_mutants(path):
+    """Mutant name -> reason, from the rows of a markdown table: | place | change | reason |."""
+    if not path or not os.path.exists(path):
+        return {}
+    rows = re.findall(r"^\| (src/\S+:\d+:\d+) \| (.+?) \| (.+) \|$",
+                      open(path, encoding="utf-8").read(), flags=re.M)
+    return {f"{place} {change.replace(chr(92) + '|', '|')}": reason
+            for place, change, reason in rows}
+
+
+def summary(results, total, run, equivalent):
     """The markdown summary: the counts, how the run went, and the survivors."""
     counts = {outcome: sum(1 for _, o, _ in results if o == outcome)
               for outcome in ("killed", "survived", "failed to compile")}
-    compiled = counts["killed"] + counts["survived"]
+    shown = sum(1 for m, o, _ in results if o == "survived" and m.name() in equivalent)
+    compiled = counts["killed"] + counts["survived"] - shown
     score = f"{100 * counts['killed'] / compiled:.0f} %" if compiled else "-"
     each = 60 * (run["minutes"] - run["unmutated"]) / max(len(results), 1)
     skipped = f", except those matching `{run['skip']}`" if run["skip"] else ""
     lines = [
-        "| date | commit | sample | seed | killed | survived | failed to compile | score |",
-        "|---|---|---|---|---|---|---|---|",
+        "| date | commit | sample | seed | killed | survived | of them equivalent "
+        "| failed to compile | score |",
+        "|---|---|---|---|---|---|---|---|---|",
         f"| {datetime.date.today()} | {run['commit']} | {len(results)} of {total} "
-        f"| {run['seed']} | {counts['killed']} | {counts['survived']} "
+        f"| {run['seed']} | {counts['killed']} | {counts['survived']} | {shown} "
         f"| {counts['failed to compile']} | {score} |",
         "",
-        f"Score: killed / (killed + survived). Tests: the linux preset's{skipped}. The run took "
+        f"Score: killed / (killed + survived, less the equivalent). Tests: the linux "
+        f"preset's{skipped}. The run took "
         f"{run['minutes']:.0f} minutes: {run['unmutated']:.0f} to build and test the unmutated "
         f"tree, then {each:.0f} s a mutant.",
     ]
@@ -648,6 +669,8 @@ def summary(results, total, run):
         for mutant, detail in survivors:
             change = mutant.name().split(" ", 1)[1].replace("|", "\\|")
             note = f" ({detail})" if detail else ""
+            if mutant.name() in equivalent:
+                note += f" equivalent: {equivalent[mutant.name()]}"
             lines.append(f"| {mutant.path}:{mutant.line} | {change}{note} |")
     return "\n".join(lines) + "\n"
 
@@ -666,6 +689,9 @@ def parse_arguments():
                         help=f"tests not run, a regular expression (default {DEFAULT_SKIP!r}; "
                              "'' runs all)")
     parser.add_argument("--report", help="write the summary to this markdown file")
+    parser.add_argument("--equivalent", default=EQUIVALENT,
+                        help="the table of mutants shown to be equivalent (default "
+                             "tests/mutation/equivalent.md)")
     parser.add_argument("--work", help="keep the scratch tree here, to reuse in later runs")
     parser.add_argument("--list", action="store_true", help="print every mutant and stop")
     parser.add_argument("--self-test", action="store_true", help="check the generator and stop")
@@ -702,7 +728,7 @@ def mutate(arguments, work):
     seed = "all" if arguments.all else arguments.seed
     run = {"seed": seed, "commit": commit, "skip": arguments.skip,
            "minutes": (time.time() - started) / 60, "unmutated": (prepared - started) / 60}
-    report = summary(results, len(mutants), run)
+    report = summary(results, len(mutants), run, equivalent_mutants(arguments.equivalent))
     print("\n" + report, end="")
     if arguments.report:
         with open(arguments.report, "w") as out:
