@@ -9,8 +9,7 @@
 namespace tarnheap::testing {
 namespace {
 
-constexpr uint64_t SPOT = 0x7e0000000000;
-constexpr uint64_t SIZE = 0x400000;
+constexpr uint64_t SPOT = 0x7e0000000000, SIZE = 0x400000;
 constexpr uint32_t ERROR_INVALID_ADDRESS = 487;
 
 void* at(uint64_t address) {
@@ -26,21 +25,24 @@ bool release(uint64_t address) {
     return platform_virtual_free(at(address), 0, MEMORY_RELEASE);
 }
 
-TEST(platform_memory, a_reservation_lands_exactly_where_asked_or_fails) {
+// Exactly where asked or not at all; anywhere, on a 64 KiB boundary; given up whole, at its
+// base only and with no size.
+TEST(platform_memory, reservations_land_where_asked_and_are_released_whole) {
     ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
     EXPECT_EQ(reserve(SPOT, SIZE), nullptr);
     EXPECT_EQ(reserve(SPOT + SIZE / 2, SIZE), nullptr);
+    EXPECT_FALSE(release(SPOT + 0x10000));
+    EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);
+    EXPECT_FALSE(platform_virtual_free(at(SPOT), 0x10000, MEMORY_RELEASE));
     EXPECT_TRUE(release(SPOT));
+    EXPECT_FALSE(release(SPOT));
+    auto anywhere = reinterpret_cast<uint64_t>(reserve(0, SIZE + 0x1000));
+    ASSERT_NE(anywhere, 0u);
+    EXPECT_EQ(anywhere % 0x10000, 0u);
+    EXPECT_TRUE(release(anywhere));
 }
 
-TEST(platform_memory, a_reservation_anywhere_is_on_a_64_kib_boundary) {
-    void* base = reserve(0, SIZE + 0x1000);
-    ASSERT_NE(base, nullptr);
-    EXPECT_EQ(reinterpret_cast<uint64_t>(base) % 0x10000, 0u);
-    EXPECT_TRUE(release(reinterpret_cast<uint64_t>(base)));
-}
-
-TEST(platform_memory, commits_succeed_inside_a_reservation_only) {
+TEST(platform_memory, commits_succeed_inside_a_reservation_only_and_read_zero) {
     ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
     ASSERT_EQ(commit(SPOT + 0x10000, 0x20000), at(SPOT + 0x10000));
     auto* bytes = static_cast<unsigned char*>(at(SPOT + 0x10000));
@@ -51,17 +53,6 @@ TEST(platform_memory, commits_succeed_inside_a_reservation_only) {
     EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);
     EXPECT_TRUE(release(SPOT));
     EXPECT_EQ(commit(SPOT + 0x10000, 0x1000), nullptr);
-}
-
-TEST(platform_memory, a_release_gives_up_the_whole_reservation_at_its_base_only) {
-    ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
-    EXPECT_FALSE(release(SPOT + 0x10000));
-    EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);
-    EXPECT_FALSE(platform_virtual_free(at(SPOT), 0x10000, MEMORY_RELEASE));
-    EXPECT_TRUE(release(SPOT));
-    EXPECT_FALSE(release(SPOT));
-    ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
-    EXPECT_TRUE(release(SPOT));
 }
 
 }  // namespace

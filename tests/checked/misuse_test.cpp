@@ -3,6 +3,7 @@
 // addresses; the same program with correct use runs to its end and prints nothing.
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -69,154 +70,129 @@ const heap_area AREAS[] = {
      "calloc\\(1, 800000\\)", 800000, ZEROED, ZEROED, true},
 };
 
-// The kinds of misuse every area finds: a scenario and its message, up to the block.
-struct misuse_kind {
-    const char* name;
-    void (*scenario)(const heap_area& area, bool misuse);
-    std::string (*message)(const heap_area& area);
-};
-
-std::string allocated(const heap_area& a) {
-    return ", allocated with " + std::to_string(a.size) + " bytes";
-}
-
-const misuse_kind KINDS[] = {
-    {"released_twice",
-     [](const heap_area& a, bool misuse) {
-         char* block = a.make();
-         tarnheap_free(block);
-         if (misuse) tarnheap_free(block);
-     },
-     [](const heap_area& a) {
-         return "double release: free\\(" ADDRESS "\\): block " ADDRESS +
-                std::string(a.released_block) + allocated(a);
-     }},
-    {"interior_released",
-     [](const heap_area& a, bool misuse) { tarnheap_free(a.make() + (misuse ? 8 : 0)); },
-     [](const heap_area& a) {
-         return "not the start of a block: free\\(" ADDRESS "\\): 8 bytes into block " ADDRESS +
-                std::string(a.block) + allocated(a);
-     }},
-    {"written_after_release",
-     [](const heap_area& a, bool misuse) {
-         char* block = a.make();
-         tarnheap_free(block);
-         if (misuse) stray_write(block, 5);
-         a.again();
-     },
-     [](const heap_area& a) {
-         return "write after release: " + std::string(a.again_call) +
-                ": byte " NUMBER " of released block " ADDRESS + a.block +
-                (a.size_kept ? allocated(a) : "");
-     }},
-    {"written_past_end",
-     [](const heap_area& a, bool misuse) {
-         char* block = a.make();
-         if (misuse) stray_write(block, a.size);
-         tarnheap_free(block);
-     },
-     [](const heap_area& a) {
-         return "write past the block's end: free\\(" ADDRESS "\\): byte " +
-                std::to_string(a.size) + " of block " ADDRESS + a.block + allocated(a);
-     }},
-};
-
-// Misuses through resize, by pointers that were never blocks, and of calloc's small blocks.
+// A scenario, run as misuse or as correct use, and the first line of its message up to the
+// block's description.
 struct misuse_case {
     std::string name;
-    void (*scenario)(bool misuse);
-    std::string message;  // the first line, up to the block's description
-};
-
-const misuse_case SPECIAL_CASES[] = {
-    {"released_block_resized",
-     [](bool misuse) {
-         char* block = taken(100);
-         if (misuse) tarnheap_free(block);
-         tarnheap_free(tarnheap_realloc(block, 200));
-     },
-     "double release: realloc\\(" ADDRESS ", 200\\): block " ADDRESS
-     " of small class 18 \\(112-byte blocks\\), allocated with 100 bytes"},
-    {"unit_interior_resized",
-     [](bool misuse) { tarnheap_free(tarnheap_realloc(taken(3000) + (misuse ? 64 : 0), 4000)); },
-     "not the start of a block: realloc\\(" ADDRESS ", 4000\\): 64 bytes into block " ADDRESS UNIT
-     ", allocated with 3000 bytes"},
-    {"unit_written_past_end_resized",
-     [](bool misuse) {
-         char* block = taken(3000);
-         if (misuse) stray_write(block, 3071);
-         tarnheap_free(tarnheap_realloc(block, 6000));
-     },
-     "write past the block's end: realloc\\(" ADDRESS ", 6000\\): byte 3071 of block " ADDRESS UNIT
-     ", allocated with 3000 bytes"},
-    // Group 0 is the initialisation's and never holds a block.
-    {"bucket_area_outside_blocks_released",
-     [](bool misuse) {
-         void* foreign = std::malloc(64);
-         tarnheap_free(misuse ? reinterpret_cast<void*>(heap_state.bucket_area_base + 64)
-                              : foreign);
-         if (misuse) std::free(foreign);
-     },
-     "not a block of this heap: free\\(" ADDRESS "\\): in group 0 of the bucket area, outside "
-     "its blocks"},
-    // A segment holds its bitmap before its first block.
-    {"small_segment_outside_blocks_released",
-     [](bool misuse) {
-         tarnheap_free(taken(16));
-         if (misuse)
-             tarnheap_free(reinterpret_cast<void*>(heap_state.small_class[3].first_block - 64));
-     },
-     "not a block of this heap: free\\(" ADDRESS "\\): in the segment of small class 3, outside "
-     "its blocks"},
-    {"calloc_block_written_past_end",
-     [](bool misuse) {
-         auto* block = static_cast<char*>(tarnheap_calloc(3, 5));
-         if (misuse) stray_write(block, 15);
-         tarnheap_free(block);
-     },
-     "write past the block's end: free\\(" ADDRESS "\\): byte 15 of block " ADDRESS
-     " of small class 3 \\(16-byte blocks\\), allocated with 15 bytes"},
-};
-
-// Every kind in every area, then the special cases; the scenario runs as misuse or as
-// correct use.
-struct any_case {
-    std::string name;
+    std::function<void(bool misuse)> scenario;
     std::string message;
-    const heap_area* area;
-    const misuse_kind* kind;
-    void (*special)(bool misuse);
-    void run(bool misuse) const { special ? special(misuse) : kind->scenario(*area, misuse); }
 };
 
-std::vector<any_case> every_case() {
-    std::vector<any_case> cases;
-    for (const heap_area& a : AREAS)
-        for (const misuse_kind& k : KINDS)
-            cases.push_back({std::string(a.name) + "_" + k.name, k.message(a), &a, &k, nullptr});
-    for (const misuse_case& c : SPECIAL_CASES)
-        cases.push_back({c.name, c.message, nullptr, nullptr, c.scenario});
+// The kinds of misuse every area finds.
+std::vector<misuse_case> in_every_area() {
+    std::vector<misuse_case> cases;
+    for (const heap_area& a : AREAS) {
+        std::string allocated = ", allocated with " + std::to_string(a.size) + " bytes";
+        std::string prefix = std::string(a.name) + "_";
+        cases.push_back({prefix + "released_twice",
+                         [&a](bool misuse) {
+                             char* block = a.make();
+                             tarnheap_free(block);
+                             if (misuse) tarnheap_free(block);
+                         },
+                         "double release: free\\(" ADDRESS "\\): block " ADDRESS +
+                             std::string(a.released_block) + allocated});
+        cases.push_back({prefix + "interior_released",
+                         [&a](bool misuse) { tarnheap_free(a.make() + (misuse ? 8 : 0)); },
+                         "not the start of a block: free\\(" ADDRESS
+                         "\\): 8 bytes into block " ADDRESS +
+                             std::string(a.block) + allocated});
+        cases.push_back({prefix + "written_after_release",
+                         [&a](bool misuse) {
+                             char* block = a.make();
+                             tarnheap_free(block);
+                             if (misuse) stray_write(block, 5);
+                             a.again();
+                         },
+                         "write after release: " + std::string(a.again_call) +
+                             ": byte " NUMBER " of released block " ADDRESS + a.block +
+                             (a.size_kept ? allocated : "")});
+        cases.push_back({prefix + "written_past_end",
+                         [&a](bool misuse) {
+                             char* block = a.make();
+                             if (misuse) stray_write(block, a.size);
+                             tarnheap_free(block);
+                         },
+                         "write past the block's end: free\\(" ADDRESS "\\): byte " +
+                             std::to_string(a.size) + " of block " ADDRESS + a.block + allocated});
+    }
     return cases;
 }
 
-class misuse : public fresh_heap, public ::testing::WithParamInterface<any_case> {
+// Misuses through resize, by pointers that were never blocks, and of calloc's small blocks.
+std::vector<misuse_case> every_case() {
+    std::vector<misuse_case> cases = in_every_area();
+    cases.insert(
+        cases.end(),
+        {{"released_block_resized",
+          [](bool misuse) {
+              char* block = taken(100);
+              if (misuse) tarnheap_free(block);
+              tarnheap_free(tarnheap_realloc(block, 200));
+          },
+          "double release: realloc\\(" ADDRESS ", 200\\): block " ADDRESS
+          " of small class 18 \\(112-byte blocks\\), allocated with 100 bytes"},
+         {"unit_interior_resized",
+          [](bool misuse) {
+              tarnheap_free(tarnheap_realloc(taken(3000) + (misuse ? 64 : 0), 4000));
+          },
+          "not the start of a block: realloc\\(" ADDRESS
+          ", 4000\\): 64 bytes into block " ADDRESS UNIT ", allocated with 3000 bytes"},
+         {"unit_written_past_end_resized",
+          [](bool misuse) {
+              char* block = taken(3000);
+              if (misuse) stray_write(block, 3071);
+              tarnheap_free(tarnheap_realloc(block, 6000));
+          },
+          "write past the block's end: realloc\\(" ADDRESS
+          ", 6000\\): byte 3071 of block " ADDRESS UNIT ", allocated with 3000 bytes"},
+         // Group 0 is the initialisation's and never holds a block.
+         {"bucket_area_outside_blocks_released",
+          [](bool misuse) {
+              void* foreign = std::malloc(64);
+              tarnheap_free(misuse ? reinterpret_cast<void*>(heap_state.bucket_area_base + 64)
+                                   : foreign);
+              if (misuse) std::free(foreign);
+          },
+          "not a block of this heap: free\\(" ADDRESS "\\): in group 0 of the bucket area, outside "
+          "its blocks"},
+         // A segment holds its bitmap before its first block.
+         {"small_segment_outside_blocks_released",
+          [](bool misuse) {
+              tarnheap_free(taken(16));
+              if (misuse)
+                  tarnheap_free(
+                      reinterpret_cast<void*>(heap_state.small_class[3].first_block - 64));
+          },
+          "not a block of this heap: free\\(" ADDRESS
+          "\\): in the segment of small class 3, outside "
+          "its blocks"},
+         {"calloc_block_written_past_end",
+          [](bool misuse) {
+              auto* block = static_cast<char*>(tarnheap_calloc(3, 5));
+              if (misuse) stray_write(block, 15);
+              tarnheap_free(block);
+          },
+          "write past the block's end: free\\(" ADDRESS "\\): byte 15 of block " ADDRESS
+          " of small class 3 \\(16-byte blocks\\), allocated with 15 bytes"}});
+    return cases;
+}
+
+class misuse : public fresh_heap, public ::testing::WithParamInterface<misuse_case> {
   protected:
-    void SetUp() override {
-        fresh_heap::SetUp();
-        start_heap();
-    }
+    void SetUp() override { fresh_heap::SetUp(), start_heap(); }
 };
 
 TEST_P(misuse, stops_the_program_with_its_message_and_the_return_addresses) {
     // The first return address lies in this program, at a small offset from its start.
     std::string expected = "tarnheap: " + GetParam().message +
                            "\ntarnheap:   #0 " ADDRESS " [^ ]*misuse_test\\+0x[0-9a-f]{1,8}\n";
-    EXPECT_DEATH(GetParam().run(true), expected);
+    EXPECT_DEATH(GetParam().scenario(true), expected);
 }
 
 TEST_P(misuse, correct_use_runs_clean) {
     ::testing::internal::CaptureStderr();
-    GetParam().run(false);
+    GetParam().scenario(false);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 

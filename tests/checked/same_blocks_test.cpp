@@ -27,15 +27,10 @@ struct entry_points {
     void* (*realloc)(void*, size_t);
     void (*free)(void*);
 };
-
-constexpr entry_points CHECKED_ENTRIES = {tarnheap_malloc, tarnheap_calloc, tarnheap_realloc,
-                                          tarnheap_free};
-constexpr entry_points HEAP_ENTRIES = {tarnheap_unchecked_malloc, tarnheap_unchecked_calloc,
-                                       tarnheap_unchecked_realloc, tarnheap_unchecked_free};
-
-constexpr unsigned REQUESTS = 20000;
-// 64 empty bytes lie between a small class's bitmap and its first block.
-constexpr uint64_t BITMAP_PAD = 64;
+constexpr entry_points CHECKED = {tarnheap_malloc, tarnheap_calloc, tarnheap_realloc,
+                                  tarnheap_free},
+                       UNCHECKED = {tarnheap_unchecked_malloc, tarnheap_unchecked_calloc,
+                                    tarnheap_unchecked_realloc, tarnheap_unchecked_free};
 
 // Each doubling from 1 byte to 64 MiB as likely as the next: small classes, bucket classes and
 // runs alike. calloc's sizes stop at 1 MiB, the zeroed region's largest.
@@ -44,29 +39,24 @@ uint64_t drawn_size(std::mt19937_64& draws, unsigned doublings) {
     return high / 2 + draws() % (high / 2);
 }
 
-// Where the heap placed each request's block, in order; the C runtime's blocks, which its own
-// state places, count as one address.
-std::vector<uint64_t> serve(const entry_points& heap, uint64_t seed) {
-    std::mt19937_64 draws(seed);
+// Where the heap placed each of 20000 requests' blocks, in order; the C runtime's blocks, which
+// its own state places, count as one address.
+std::vector<uint64_t> serve(const entry_points& heap) {
+    std::mt19937_64 draws(11);
     std::vector<void*> live;
     std::vector<uint64_t> placed;
-    for (unsigned i = 0; i < REQUESTS; ++i) {
+    for (unsigned i = 0; i < 20000; ++i) {
         uint64_t kind = live.empty() ? 0 : draws() % 10;
         size_t pick = live.empty() ? 0 : draws() % live.size();
-        void* block;
-        if (kind < 3) {
-            block = heap.malloc(drawn_size(draws, 26));
-        } else if (kind < 4) {
-            block = heap.calloc(1 + draws() % 3, drawn_size(draws, 20));
-        } else if (kind < 6) {
-            block = heap.realloc(live[pick], drawn_size(draws, 26));
-            if (block != nullptr) live[pick] = live.back(), live.pop_back();
-        } else {
+        if (kind >= 6) {
             heap.free(live[pick]);
-            live[pick] = live.back();
-            live.pop_back();
+            live[pick] = live.back(), live.pop_back();
             continue;
         }
+        void* block = kind < 3   ? heap.malloc(drawn_size(draws, 26))
+                      : kind < 4 ? heap.calloc(1 + draws() % 3, drawn_size(draws, 20))
+                                 : heap.realloc(live[pick], drawn_size(draws, 26));
+        if (kind >= 4 && block != nullptr) live[pick] = live.back(), live.pop_back();
         auto address = reinterpret_cast<uint64_t>(block);
         bool in_region = (address & ~(REGION_BYTES - 1)) == region_base();
         placed.push_back(in_region || address - heap_state.zeroed_region_base < 0x4000000 ? address
@@ -83,23 +73,23 @@ TEST_F(checked_build, hands_out_the_heaps_blocks_and_leaves_its_state) {
     start_heap();
     heap_state.zeroed_uses = 200;
     auto start = std::make_unique<heap_state_record>(heap_state);
-    std::vector<uint64_t> unchecked = serve(HEAP_ENTRIES, 11);
+    std::vector<uint64_t> unchecked = serve(UNCHECKED);
     auto end = std::make_unique<heap_state_record>(heap_state);
-    // The start once more: the small classes' bitmaps, which lie in their segments, cleared;
-    // the zeroed region given back, to be reserved where it was; the shadow empty.
+    // The start once more: the small classes' bitmaps, which lie in their segments (64 empty
+    // bytes before the first block), cleared; the zeroed region given back, to be reserved where
+    // it was; the shadow empty.
     for (const small_class_record& small_class : heap_state.small_class)
         if (small_class.uncommitted_base == 0)
-            std::memset(small_class.bitmap, 0,
-                        small_class.first_block - BITMAP_PAD -
-                            reinterpret_cast<uint64_t>(small_class.bitmap));
+            std::memset(
+                small_class.bitmap, 0,
+                small_class.first_block - 64 - reinterpret_cast<uint64_t>(small_class.bitmap));
     if (heap_state.zeroed_region_base != 0)
         platform_virtual_free(reinterpret_cast<void*>(heap_state.zeroed_region_base), 0,
                               MEMORY_RELEASE);
     release_shadow();
     start_shadow();
     heap_state = *start;
-    std::vector<uint64_t> checked = serve(CHECKED_ENTRIES, 11);
-    EXPECT_EQ(checked, unchecked);
+    EXPECT_EQ(serve(CHECKED), unchecked);
     EXPECT_EQ(std::memcmp(&heap_state, end.get(), sizeof heap_state), 0);
 }
 
