@@ -20,7 +20,6 @@ struct heap_entries {
     HMODULE module;
     void* (*malloc)(size_t);
     void* (*calloc)(size_t, size_t);
-    void* (*realloc)(void*, size_t);
     void (*free)(void*);
     int (*mallopt)(int, int);
 };
@@ -32,12 +31,9 @@ entry lookup(HMODULE module, const char* name) {
 
 heap_entries load(const char* path) {
     HMODULE module = LoadLibraryA(path);
-    return {module,
-            lookup<void* (*)(size_t)>(module, "malloc"),
+    return {module, lookup<void* (*)(size_t)>(module, "malloc"),
             lookup<void* (*)(size_t, size_t)>(module, "calloc"),
-            lookup<void* (*)(void*, size_t)>(module, "realloc"),
-            lookup<void (*)(void*)>(module, "free"),
-            lookup<int (*)(int, int)>(module, "mallopt")};
+            lookup<void (*)(void*)>(module, "free"), lookup<int (*)(int, int)>(module, "mallopt")};
 }
 
 TEST(tarnheap_dll, serves_small_blocks_from_its_region) {

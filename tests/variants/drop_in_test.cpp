@@ -44,44 +44,26 @@ class preloaded_heap : public testing::Environment {
 testing::Environment* const PRELOADED_HEAP = testing::AddGlobalTestEnvironment(new preloaded_heap);
 
 // glibc's own entries, for blocks the heap must treat as foreign.
-struct c_library {
-    void* (*malloc)(size_t);
-    size_t (*malloc_usable_size)(void*);
-};
-
-c_library glibc() {
-    void* libc = dlopen("libc.so.6", RTLD_NOW | RTLD_NOLOAD);
-    return {reinterpret_cast<void* (*)(size_t)>(dlsym(libc, "malloc")),
-            reinterpret_cast<size_t (*)(void*)>(dlsym(libc, "malloc_usable_size"))};
+template <typename function>
+function* from_glibc(const char* name) {
+    return reinterpret_cast<function*>(dlsym(dlopen("libc.so.6", RTLD_NOW | RTLD_NOLOAD), name));
 }
 
 // Every entry as a call of two sizes (a count or an alignment, and a size), so that one table
 // holds them all and the compiler sees no constant arguments to fold or warn about.
 using entry = void* (*)(size_t, size_t);
-void* via_malloc(size_t, size_t size) {
-    return malloc(size);
-}
-void* via_calloc(size_t count, size_t size) {
-    return calloc(count, size);
-}
-void* via_realloc_of_null(size_t, size_t size) {
-    return realloc(nullptr, size);
-}
-void* via_reallocarray_of_null(size_t count, size_t size) {
-    return reallocarray(nullptr, count, size);
-}
-void* via_aligned_alloc(size_t alignment, size_t size) {
+const entry via_malloc = [](size_t, size_t size) { return malloc(size); };
+const entry via_calloc = [](size_t count, size_t size) { return calloc(count, size); };
+const entry via_realloc_of_null = [](size_t, size_t size) { return realloc(nullptr, size); };
+const entry via_reallocarray_of_null = [](size_t n, size_t size) {
+    return reallocarray(nullptr, n, size);
+};
+const entry via_aligned_alloc = [](size_t alignment, size_t size) {
     return aligned_alloc(alignment, size);
-}
-void* via_memalign(size_t alignment, size_t size) {
-    return memalign(alignment, size);
-}
-void* via_valloc(size_t, size_t size) {
-    return valloc(size);
-}
-void* via_pvalloc(size_t, size_t size) {
-    return pvalloc(size);
-}
+};
+const entry via_memalign = [](size_t alignment, size_t size) { return memalign(alignment, size); };
+const entry via_valloc = [](size_t, size_t size) { return valloc(size); };
+const entry via_pvalloc = [](size_t, size_t size) { return pvalloc(size); };
 
 // posix_memalign as the other entries answer: the block, or null with the error in errno. It
 // must leave errno, and on a refusal the result, as they were.
@@ -142,71 +124,64 @@ TEST_P(request, is_answered_as_a_glibc_program_expects) {
 }
 
 constexpr size_t TOO_MUCH = SIZE_MAX - 100;
-INSTANTIATE_TEST_SUITE_P(
-    entries, request,
-    testing::Values(
-        // Requests for nothing are served as requests for a byte.
-        request_case{"malloc_of_0", via_malloc, 0, 0, FROM_HEAP, 4, 1},
-        request_case{"calloc_of_0_by_8", via_calloc, 0, 8, FROM_HEAP, 16, 1},
-        request_case{"calloc_of_8_by_0", via_calloc, 8, 0, FROM_HEAP, 16, 1},
-        request_case{"realloc_of_null_to_0", via_realloc_of_null, 0, 0, FROM_HEAP, 4, 1},
-        request_case{"reallocarray_of_null_0_by_8", via_reallocarray_of_null, 0, 8, FROM_HEAP, 4,
-                     1},
-        request_case{"aligned_alloc_64_of_0", via_aligned_alloc, 64, 0, FROM_HEAP, 0, 64},
-        // Usable sizes are the classes' and the units'.
-        request_case{"malloc_of_3_class_0", via_malloc, 0, 3, FROM_HEAP, 4, 1},
-        request_case{"malloc_of_5_class_1", via_malloc, 0, 5, FROM_HEAP, 8, 1},
-        request_case{"malloc_of_100_class_18", via_malloc, 0, 100, FROM_HEAP, 112, 1},
-        request_case{"malloc_of_256_class_27", via_malloc, 0, 256, FROM_HEAP, 256, 1},
-        request_case{"malloc_of_300_bucket_5", via_malloc, 0, 300, FROM_HEAP, 320, 1},
-        request_case{"malloc_of_3000_bucket_45", via_malloc, 0, 3000, FROM_HEAP, 3072, 1},
-        request_case{"malloc_of_30000_bucket_66", via_malloc, 0, 30000, FROM_HEAP, 35328, 1},
-        request_case{"calloc_of_1_mib", via_calloc, 1, 1 << 20, FROM_HEAP, 0, 1},
-        request_case{"reallocarray_of_null_10_by_30", via_reallocarray_of_null, 10, 30, FROM_HEAP,
-                     320, 1},
-        // calloc refuses the products that would wrap: to 0 after rounding, to 100 (a small
-        // class on the fast path), to 0, to 2^32 (the slow path), to 1.
-        request_case{"calloc_rounding_wraps", via_calloc, 1, SIZE_MAX - 14, ENOMEM},
-        request_case{"calloc_half_by_4", via_calloc, SIZE_MAX / 2, 4, ENOMEM},
-        request_case{"calloc_wraps_to_100", via_calloc, 4, (size_t{1} << 62) + 25, ENOMEM},
-        request_case{"calloc_wraps_to_0", via_calloc, size_t{1} << 63, 2, ENOMEM},
-        request_case{"calloc_wraps_to_2_pow_32", via_calloc, (size_t{1} << 32) + 1, size_t{1} << 32,
-                     ENOMEM},
-        request_case{"calloc_max_by_max", via_calloc, SIZE_MAX, SIZE_MAX, ENOMEM},
-        request_case{"reallocarray_wraps", via_reallocarray_of_null, size_t{1} << 32,
-                     size_t{1} << 32 | 4, ENOMEM},
-        // The heap serves alignments its blocks already have; the C library the others.
-        request_case{"posix_memalign_8_of_1", via_posix_memalign, 8, 1, FROM_HEAP, 0, 8},
-        request_case{"posix_memalign_16_of_0", via_posix_memalign, 16, 0, FROM_HEAP, 0, 16},
-        request_case{"posix_memalign_32_of_100", via_posix_memalign, 32, 100, FROM_HEAP, 0, 32},
-        request_case{"posix_memalign_64_of_3000", via_posix_memalign, 64, 3000, FROM_HEAP, 0, 64},
-        request_case{"posix_memalign_128_of_100", via_posix_memalign, 128, 100, FROM_C_LIBRARY, 0,
-                     128},
-        request_case{"posix_memalign_4096_of_10", via_posix_memalign, 4096, 10, FROM_C_LIBRARY, 0,
-                     4096},
-        request_case{"aligned_alloc_1_of_5", via_aligned_alloc, 1, 5, FROM_HEAP, 0, 1},
-        request_case{"aligned_alloc_32_of_48", via_aligned_alloc, 32, 48, FROM_HEAP, 0, 32},
-        request_case{"aligned_alloc_256_of_1000", via_aligned_alloc, 256, 1000, FROM_C_LIBRARY, 0,
-                     256},
-        request_case{"memalign_2_of_3", via_memalign, 2, 3, FROM_HEAP, 0, 2},
-        request_case{"memalign_64_of_200", via_memalign, 64, 200, FROM_HEAP, 0, 64},
-        request_case{"memalign_65536_of_100", via_memalign, 65536, 100, FROM_C_LIBRARY, 0, 65536},
-        request_case{"valloc_of_100", via_valloc, 0, 100, FROM_C_LIBRARY, 0, 4096},
-        request_case{"pvalloc_of_4097", via_pvalloc, 0, 4097, FROM_C_LIBRARY, 0, 4096},
-        request_case{"posix_memalign_0", via_posix_memalign, 0, 8, EINVAL},
-        request_case{"posix_memalign_4", via_posix_memalign, 4, 8, EINVAL},
-        request_case{"posix_memalign_24", via_posix_memalign, 24, 8, EINVAL},
-        request_case{"aligned_alloc_0", via_aligned_alloc, 0, 8, EINVAL},
-        request_case{"aligned_alloc_3", via_aligned_alloc, 3, 8, EINVAL},
-        request_case{"aligned_alloc_24", via_aligned_alloc, 24, 8, EINVAL},
-        request_case{"memalign_0", via_memalign, 0, 8, EINVAL},
-        request_case{"memalign_96", via_memalign, 96, 8, EINVAL},
-        request_case{"posix_memalign_64_of_too_much", via_posix_memalign, 64, TOO_MUCH, ENOMEM},
-        request_case{"posix_memalign_4096_of_too_much", via_posix_memalign, 4096, TOO_MUCH, ENOMEM},
-        request_case{"aligned_alloc_64_of_too_much", via_aligned_alloc, 64, TOO_MUCH, ENOMEM},
-        request_case{"memalign_4096_of_too_much", via_memalign, 4096, SIZE_MAX / 2, ENOMEM},
-        request_case{"valloc_of_too_much", via_valloc, 0, SIZE_MAX, ENOMEM}),
-    [](const auto& info) { return std::string(info.param.name); });
+const request_case REQUESTS[] = {
+    // Requests for nothing are served as requests for a byte.
+    {"malloc_of_0", via_malloc, 0, 0, FROM_HEAP, 4},
+    {"calloc_of_0_by_8", via_calloc, 0, 8, FROM_HEAP, 16},
+    {"calloc_of_8_by_0", via_calloc, 8, 0, FROM_HEAP, 16},
+    {"realloc_of_null_to_0", via_realloc_of_null, 0, 0, FROM_HEAP, 4},
+    {"reallocarray_of_null_0_by_8", via_reallocarray_of_null, 0, 8, FROM_HEAP, 4},
+    {"aligned_alloc_64_of_0", via_aligned_alloc, 64, 0, FROM_HEAP, 0, 64},
+    // Usable sizes are the classes' and the units'.
+    {"malloc_of_3_class_0", via_malloc, 0, 3, FROM_HEAP, 4},
+    {"malloc_of_5_class_1", via_malloc, 0, 5, FROM_HEAP, 8},
+    {"malloc_of_100_class_18", via_malloc, 0, 100, FROM_HEAP, 112},
+    {"malloc_of_256_class_27", via_malloc, 0, 256, FROM_HEAP, 256},
+    {"malloc_of_300_bucket_5", via_malloc, 0, 300, FROM_HEAP, 320},
+    {"malloc_of_3000_bucket_45", via_malloc, 0, 3000, FROM_HEAP, 3072},
+    {"malloc_of_30000_bucket_66", via_malloc, 0, 30000, FROM_HEAP, 35328},
+    {"calloc_of_1_mib", via_calloc, 1, 1 << 20, FROM_HEAP},
+    {"reallocarray_of_null_10_by_30", via_reallocarray_of_null, 10, 30, FROM_HEAP, 320},
+    // calloc refuses the products that would wrap: to 0 after rounding, to 100 (a small
+    // class on the fast path), to 0, to 2^32 (the slow path), to 1.
+    {"calloc_rounding_wraps", via_calloc, 1, SIZE_MAX - 14, ENOMEM},
+    {"calloc_half_by_4", via_calloc, SIZE_MAX / 2, 4, ENOMEM},
+    {"calloc_wraps_to_100", via_calloc, 4, (size_t{1} << 62) + 25, ENOMEM},
+    {"calloc_wraps_to_0", via_calloc, size_t{1} << 63, 2, ENOMEM},
+    {"calloc_wraps_to_2_pow_32", via_calloc, (size_t{1} << 32) + 1, size_t{1} << 32, ENOMEM},
+    {"calloc_max_by_max", via_calloc, SIZE_MAX, SIZE_MAX, ENOMEM},
+    {"reallocarray_wraps", via_reallocarray_of_null, size_t{1} << 32, size_t{1} << 32 | 4, ENOMEM},
+    // The heap serves alignments its blocks already have; the C library the others.
+    {"posix_memalign_8_of_1", via_posix_memalign, 8, 1, FROM_HEAP, 0, 8},
+    {"posix_memalign_16_of_0", via_posix_memalign, 16, 0, FROM_HEAP, 0, 16},
+    {"posix_memalign_32_of_100", via_posix_memalign, 32, 100, FROM_HEAP, 0, 32},
+    {"posix_memalign_64_of_3000", via_posix_memalign, 64, 3000, FROM_HEAP, 0, 64},
+    {"posix_memalign_128_of_100", via_posix_memalign, 128, 100, FROM_C_LIBRARY, 0, 128},
+    {"posix_memalign_4096_of_10", via_posix_memalign, 4096, 10, FROM_C_LIBRARY, 0, 4096},
+    {"aligned_alloc_1_of_5", via_aligned_alloc, 1, 5, FROM_HEAP},
+    {"aligned_alloc_32_of_48", via_aligned_alloc, 32, 48, FROM_HEAP, 0, 32},
+    {"aligned_alloc_256_of_1000", via_aligned_alloc, 256, 1000, FROM_C_LIBRARY, 0, 256},
+    {"memalign_2_of_3", via_memalign, 2, 3, FROM_HEAP, 0, 2},
+    {"memalign_64_of_200", via_memalign, 64, 200, FROM_HEAP, 0, 64},
+    {"memalign_65536_of_100", via_memalign, 65536, 100, FROM_C_LIBRARY, 0, 65536},
+    {"valloc_of_100", via_valloc, 0, 100, FROM_C_LIBRARY, 0, 4096},
+    {"pvalloc_of_4097", via_pvalloc, 0, 4097, FROM_C_LIBRARY, 0, 4096},
+    {"posix_memalign_0", via_posix_memalign, 0, 8, EINVAL},
+    {"posix_memalign_4", via_posix_memalign, 4, 8, EINVAL},
+    {"posix_memalign_24", via_posix_memalign, 24, 8, EINVAL},
+    {"aligned_alloc_0", via_aligned_alloc, 0, 8, EINVAL},
+    {"aligned_alloc_3", via_aligned_alloc, 3, 8, EINVAL},
+    {"aligned_alloc_24", via_aligned_alloc, 24, 8, EINVAL},
+    {"memalign_0", via_memalign, 0, 8, EINVAL},
+    {"memalign_96", via_memalign, 96, 8, EINVAL},
+    {"posix_memalign_64_of_too_much", via_posix_memalign, 64, TOO_MUCH, ENOMEM},
+    {"posix_memalign_4096_of_too_much", via_posix_memalign, 4096, TOO_MUCH, ENOMEM},
+    {"aligned_alloc_64_of_too_much", via_aligned_alloc, 64, TOO_MUCH, ENOMEM},
+    {"memalign_4096_of_too_much", via_memalign, 4096, SIZE_MAX / 2, ENOMEM},
+    {"valloc_of_too_much", via_valloc, 0, SIZE_MAX, ENOMEM},
+};
+INSTANTIATE_TEST_SUITE_P(entries, request, testing::ValuesIn(REQUESTS),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // glibc's answer to a resize to nothing: the block is freed (the heap's is the next one handed
 // out), the result is null, errno stays. A foreign block goes to the C library.
@@ -219,7 +194,7 @@ TEST(realloc_to_nothing, frees_and_returns_null_with_errno_untouched) {
         EXPECT_EQ(malloc(size), block);
         free(block);
     }
-    EXPECT_EQ(realloc(glibc().malloc(100), 0), nullptr);
+    EXPECT_EQ(realloc(from_glibc<void*(size_t)>("malloc")(100), 0), nullptr);
     EXPECT_EQ(errno, UNTOUCHED);
     void* block = reallocarray(nullptr, 10, 30);
     EXPECT_EQ(reallocarray(block, 0, 30), nullptr);
@@ -265,9 +240,8 @@ TEST(usable_size, of_runs_fine_classes_the_zeroed_region_and_foreign_blocks) {
     EXPECT_LT(reinterpret_cast<uintptr_t>(block) - ZEROED_HINT, ZEROED_BYTES);
     EXPECT_EQ(malloc_usable_size(block), 13u * 65536);
     free(block);
-    block = glibc().malloc(1000);
-    EXPECT_EQ(malloc_usable_size(block), glibc().malloc_usable_size(block));
-    EXPECT_GE(malloc_usable_size(block), 1000u);
+    block = from_glibc<void*(size_t)>("malloc")(1000);
+    EXPECT_EQ(malloc_usable_size(block), from_glibc<size_t(void*)>("malloc_usable_size")(block));
     EXPECT_EQ(malloc_usable_size(nullptr), 0u);
     free(block);
 }
