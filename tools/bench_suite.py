@@ -110,7 +110,12 @@ def run_measured(command, preload=None, settings=None, stdin_path=None):
 
     The peak comes from `time`, a small process that forks the command (a child forked from
     this Python process would count Python's pages in its peak); the processor time (user and
-    system, of `time` and the command it waited for) from wait4."""
+    system, of `time` and the command it waited for) from wait4.
+
+    Every allocator's command runs with address-space randomisation off (`setarch -R`): with it
+    on, the kernel maps shared libraries into the heap's fixed 8 GiB region in about one Linux
+    process in 120, and such a process runs on the C library's heap behind the heap's slow path
+    (bench/results/notes.md), which would measure that heap under TarnHeap's name."""
     assignments = [f"LD_PRELOAD={preload}"] if preload else []
     assignments += [f"{name}={value}" for name, value in (settings or {}).items()]
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err, \
@@ -118,7 +123,7 @@ def run_measured(command, preload=None, settings=None, stdin_path=None):
         stdin = open(stdin_path, "rb") if stdin_path else subprocess.DEVNULL
         start = time.perf_counter()
         process = subprocess.Popen(
-            ["/usr/bin/time", "-f", "%M", "-o", peak.name] +
+            ["/usr/bin/time", "-f", "%M", "-o", peak.name, "setarch", "-R"] +
             (["env"] + assignments if assignments else []) + command,
             env=clean_environment(), stdin=stdin, stdout=out, stderr=err)
         watchdog = threading.Timer(RUN_TIMEOUT, process.kill)
