@@ -46,27 +46,24 @@ static void log_call(const char* call, uint64_t first, uint64_t second, uintptr_
     if (write(log_file, line, (size_t)length) != length) _exit(3);
 }
 
+static void* aligned_by_posix(size_t alignment, size_t size) {
+    void* block;
+    return posix_memalign(&block, alignment, size) == 0 ? block : NULL;
+}
+
 static void new_block(unsigned slot) {
     size_t size = random_size(), alignment = (size_t)16 << draw(6), count = 1 + draw(8);
     uint64_t kind = draw(10), first = kind == 0 ? count : kind < 4 ? alignment : size;
     uint64_t second = kind == 0 ? size / 8 : kind < 4 ? size : 0;
     static const char* const NAMES[] = {"calloc", "posix_memalign", "aligned_alloc", "memalign",
                                         "valloc"};
-    void* block = NULL;
-    if (kind == 0)
-        block = calloc(count, size / 8);
-    else if (kind == 1 && posix_memalign(&block, alignment, size) != 0)
-        block = NULL;
-    else if (kind == 2)
-        block = aligned_alloc(alignment, size);
-    else if (kind == 3)
-        block = memalign(alignment, size);
-    else if (kind == 4)
-        block = valloc(size);
-    else if (kind > 4)
-        block = malloc(size);
-    blocks[slot] = block;
-    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, 0, block);
+    blocks[slot] = kind == 0   ? calloc(count, size / 8)
+                   : kind == 1 ? aligned_by_posix(alignment, size)
+                   : kind == 2 ? aligned_alloc(alignment, size)
+                   : kind == 3 ? memalign(alignment, size)
+                   : kind == 4 ? valloc(size)
+                               : malloc(size);
+    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, 0, blocks[slot]);
 }
 
 /* A resize to 0 bytes that answers null has freed the block; any other null keeps it. */
