@@ -230,11 +230,8 @@ TEST(usable_size, of_runs_fine_classes_the_zeroed_region_and_foreign_blocks) {
     EXPECT_EQ(malloc_usable_size(block), 12u);
     free(block);
     mallopt(TARNHEAP_M_ROUTING, TARNHEAP_ROUTING_COARSE);
-    block = nullptr;
-    for (int i = 0; i <= 200; ++i) {
-        free(block);
-        block = calloc(1, 800000);
-    }
+    for (int i = 0; i < 200; ++i) free(calloc(1, 800000));
+    block = calloc(1, 800000);
     EXPECT_LT(reinterpret_cast<uintptr_t>(block) - ZEROED_HINT, ZEROED_BYTES);
     EXPECT_EQ(malloc_usable_size(block), 13u * 65536);
     free(block);
