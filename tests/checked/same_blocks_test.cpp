@@ -21,17 +21,6 @@ void tarnheap_unchecked_free(void* block);
 namespace tarnheap::testing {
 namespace {
 
-struct entry_points {
-    void* (*malloc)(size_t);
-    void* (*calloc)(size_t, size_t);
-    void* (*realloc)(void*, size_t);
-    void (*free)(void*);
-};
-constexpr entry_points CHECKED = {tarnheap_malloc, tarnheap_calloc, tarnheap_realloc,
-                                  tarnheap_free},
-                       UNCHECKED = {tarnheap_unchecked_malloc, tarnheap_unchecked_calloc,
-                                    tarnheap_unchecked_realloc, tarnheap_unchecked_free};
-
 // Each doubling from 1 byte to 64 MiB as likely as the next: small classes, bucket classes and
 // runs alike. calloc's sizes stop at 1 MiB, the zeroed region's largest.
 uint64_t drawn_size(std::mt19937_64& draws, unsigned doublings) {
@@ -41,7 +30,11 @@ uint64_t drawn_size(std::mt19937_64& draws, unsigned doublings) {
 
 // Where the heap placed each of 20000 requests' blocks, in order; the C runtime's blocks, which
 // its own state places, count as one address.
-std::vector<uint64_t> serve(const entry_points& heap) {
+std::vector<uint64_t> serve(bool checked) {
+    auto* malloc = checked ? tarnheap_malloc : tarnheap_unchecked_malloc;
+    auto* calloc = checked ? tarnheap_calloc : tarnheap_unchecked_calloc;
+    auto* realloc = checked ? tarnheap_realloc : tarnheap_unchecked_realloc;
+    auto* free = checked ? tarnheap_free : tarnheap_unchecked_free;
     std::mt19937_64 draws(11);
     std::vector<void*> live;
     std::vector<uint64_t> placed;
@@ -49,13 +42,13 @@ std::vector<uint64_t> serve(const entry_points& heap) {
         uint64_t kind = live.empty() ? 0 : draws() % 10;
         size_t pick = live.empty() ? 0 : draws() % live.size();
         if (kind >= 6) {
-            heap.free(live[pick]);
+            free(live[pick]);
             live[pick] = live.back(), live.pop_back();
             continue;
         }
-        void* block = kind < 3   ? heap.malloc(drawn_size(draws, 26))
-                      : kind < 4 ? heap.calloc(1 + draws() % 3, drawn_size(draws, 20))
-                                 : heap.realloc(live[pick], drawn_size(draws, 26));
+        void* block = kind < 3   ? malloc(drawn_size(draws, 26))
+                      : kind < 4 ? calloc(1 + draws() % 3, drawn_size(draws, 20))
+                                 : realloc(live[pick], drawn_size(draws, 26));
         if (kind >= 4 && block != nullptr) live[pick] = live.back(), live.pop_back();
         auto address = reinterpret_cast<uint64_t>(block);
         bool in_region = (address & ~(REGION_BYTES - 1)) == region_base();
@@ -63,7 +56,7 @@ std::vector<uint64_t> serve(const entry_points& heap) {
                                                                                           : 1);
         if (block != nullptr) live.push_back(block);
     }
-    for (void* block : live) heap.free(block);
+    for (void* block : live) free(block);
     return placed;
 }
 
@@ -73,7 +66,7 @@ TEST_F(checked_build, hands_out_the_heaps_blocks_and_leaves_its_state) {
     start_heap();
     heap_state.zeroed_uses = 200;
     auto start = std::make_unique<heap_state_record>(heap_state);
-    std::vector<uint64_t> unchecked = serve(UNCHECKED);
+    std::vector<uint64_t> unchecked = serve(false);
     auto end = std::make_unique<heap_state_record>(heap_state);
     // The start once more: the small classes' bitmaps, which lie in their segments (64 empty
     // bytes before the first block), cleared; the zeroed region given back, to be reserved where
@@ -89,7 +82,7 @@ TEST_F(checked_build, hands_out_the_heaps_blocks_and_leaves_its_state) {
     release_shadow();
     start_shadow();
     heap_state = *start;
-    EXPECT_EQ(serve(CHECKED), unchecked);
+    EXPECT_EQ(serve(true), unchecked);
     EXPECT_EQ(std::memcmp(&heap_state, end.get(), sizeof heap_state), 0);
 }
 
