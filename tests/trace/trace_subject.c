@@ -3,8 +3,8 @@
  *
  *     trace_subject random SEED COUNT LOG  COUNT calls of every kind on random sizes over every
  *                                          area, each logged to LOG as
- *                                          "<call> <first> <second> <block given> <result>",
- *                                          addresses in decimal, 0 for none
+ *                                          "<call> <first> <second> <block> [from-null] [null]",
+ *                                          block numbering blocks in the order they were made
  *     trace_subject construct              a known heap state for the map test
  *     trace_subject threads                a second thread that allocates */
 #define _GNU_SOURCE
@@ -20,6 +20,8 @@
 enum { SLOTS = 48 };
 
 static void* blocks[SLOTS];
+static unsigned long numbers[SLOTS]; /* 0: empty */
+static unsigned long blocks_made;
 static uint64_t random_state;
 static int log_file;
 
@@ -37,18 +39,12 @@ static size_t random_size(void) {
                        : 1 + draw(256);
 }
 
-static void log_call(const char* call, uint64_t first, uint64_t second, uintptr_t given,
-                     void* result) {
+static void log_call(const char* call, uint64_t first, uint64_t second, unsigned long number,
+                     const char* flags) {
     char line[160];
-    int length = snprintf(line, sizeof line, "%s %llu %llu %llu %llu\n", call,
-                          (unsigned long long)first, (unsigned long long)second,
-                          (unsigned long long)given, (unsigned long long)(uintptr_t)result);
+    int length = snprintf(line, sizeof line, "%s %llu %llu %lu%s\n", call,
+                          (unsigned long long)first, (unsigned long long)second, number, flags);
     if (write(log_file, line, (size_t)length) != length) _exit(3);
-}
-
-static void* aligned_by_posix(size_t alignment, size_t size) {
-    void* block;
-    return posix_memalign(&block, alignment, size) == 0 ? block : NULL;
 }
 
 static void new_block(unsigned slot) {
@@ -57,30 +53,45 @@ static void new_block(unsigned slot) {
     uint64_t second = kind == 0 ? size / 8 : kind < 4 ? size : 0;
     static const char* const NAMES[] = {"calloc", "posix_memalign", "aligned_alloc", "memalign",
                                         "valloc"};
-    blocks[slot] = kind == 0   ? calloc(count, size / 8)
-                   : kind == 1 ? aligned_by_posix(alignment, size)
-                   : kind == 2 ? aligned_alloc(alignment, size)
-                   : kind == 3 ? memalign(alignment, size)
-                   : kind == 4 ? valloc(size)
-                               : malloc(size);
-    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, 0, blocks[slot]);
+    void* block = NULL;
+    if (kind == 0)
+        block = calloc(count, size / 8);
+    else if (kind == 1 && posix_memalign(&block, alignment, size) != 0)
+        block = NULL;
+    else if (kind == 2)
+        block = aligned_alloc(alignment, size);
+    else if (kind == 3)
+        block = memalign(alignment, size);
+    else if (kind == 4)
+        block = valloc(size);
+    else if (kind > 4)
+        block = malloc(size);
+    blocks[slot] = block;
+    numbers[slot] = block == NULL ? 0 : ++blocks_made;
+    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, numbers[slot],
+             block == NULL ? " null" : "");
 }
 
 /* A resize to 0 bytes that answers null has freed the block; any other null keeps it. */
 static void resize(unsigned slot) {
     size_t size = random_size();
     int array = draw(4) == 0;
-    uintptr_t given = (uintptr_t)blocks[slot];
     void* moved = array ? reallocarray(blocks[slot], 2, size / 2) : realloc(blocks[slot], size);
-    log_call(array ? "reallocarray" : "realloc", array ? 2 : size, array ? size / 2 : 0, given,
-             moved);
+    char flags[24];
+    snprintf(flags, sizeof flags, "%s%s", blocks[slot] == NULL ? " from-null" : "",
+             moved == NULL ? " null" : "");
+    if (blocks[slot] == NULL && moved != NULL) numbers[slot] = ++blocks_made;
+    log_call(array ? "reallocarray" : "realloc", array ? 2 : size, array ? size / 2 : 0,
+             numbers[slot], flags);
     if (moved != NULL || (array ? size / 2 : size) == 0) blocks[slot] = moved;
+    if (blocks[slot] == NULL) numbers[slot] = 0;
 }
 
 static void release(unsigned slot) {
-    log_call("free", 0, 0, (uintptr_t)blocks[slot], NULL);
     free(blocks[slot]);
+    log_call("free", 0, 0, numbers[slot], "");
     blocks[slot] = NULL;
+    numbers[slot] = 0;
 }
 
 static int random_calls(const char* seed, const char* count, const char* path) {

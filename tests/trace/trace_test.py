@@ -59,27 +59,6 @@ def numbered(replayed):
     return lines
 
 
-def logged(calls):
-    """The subject's log, "<call> <first> <second> <block given> <result>" with addresses, in
-    the replayer's terms: blocks numbered as numbered() does, the flags from the addresses."""
-    numbers, made, lines = {}, 0, []
-    for line in calls:
-        call, first, second, given, result = line.split()
-        resize = call in ("realloc", "reallocarray")
-        flags = (["from-null"] if resize and given == "0" else []) + \
-            (["null"] if result == "0" and call != "free" else [])
-        number = numbers.pop(given, 0)
-        if result != "0":
-            if number == 0:
-                made += 1
-                number = made
-            numbers[result] = number
-        elif call != "free" and not freed(call, first, second, flags) and given != "0":
-            numbers[given] = number
-        lines.append(" ".join([call, first, second, str(number)] + flags))
-    return lines
-
-
 def heap_map(trace, *options):
     return json.loads(run([os.path.join(LIBEXEC, "heap_map")] + list(options) + [trace]).stdout)
 
@@ -90,7 +69,7 @@ def record_replays_the_calls(directory):
         trace, _ = record(directory, seed, "random", seed, "2500", log)
         replayed = run([os.path.join(LIBEXEC, "trace_replay"), "--print", trace]).stdout
         with open(log) as calls:
-            expected = logged(calls.read().splitlines())
+            expected = calls.read().splitlines()
         actual = numbered(replayed.splitlines())
         differs = [i for i, (a, e) in enumerate(zip(actual, expected)) if a != e]
         check(actual == expected, f"seed {seed}: the replay differs from the program's calls "
