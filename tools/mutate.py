@@ -45,16 +45,14 @@ of three times the slowest in its round plus 10 s. The whole programs and tarnhe
 A mutant is killed when a test fails or times out (or a test program fails while listing its
 tests during the build), survives when all pass, and fails to compile when the build fails.
 The score is killed / (killed + survived), counting neither the mutants that fail to compile
-nor those a developer has shown to be equivalent: tests/mutation/equivalent.md (or --equivalent)
-is a markdown table whose rows give a mutant's place (file:line:column), its change as the
-report writes it, and the reason the change cannot be told apart from the original by any
-caller. An equivalent mutant that
-survives is reported as such; one that is killed counts as killed (and its row is stale). A
-name holds the line and column, so a row goes stale when its file changes above the mutant.
-A mutant whose object files, without their debug
-information, are the same as the unmutated tree's is not tested: it survives and is marked
-"same code" (the change never reaches the machine code, e.g. it is in a branch the Linux build
-discards).
+nor those shown to be equivalent: tests/mutation/equivalent.md (or --equivalent) is a markdown
+table whose rows give a mutant's place (file:line:column), its change as the report writes it,
+and the reason no caller can tell the change from the original. An equivalent mutant that
+survives is reported as such; one that is killed counts as killed (its row is stale). A row
+also goes stale when its file changes above the mutant, since the place holds line and column.
+A mutant whose object files, without their debug information, are the same as the unmutated
+tree's is not tested: it survives and is marked "same code" (the change never reaches the
+machine code, e.g. it is in a branch the Linux build discards).
 """
 
 import argparse
@@ -637,7 +635,7 @@ def equivalent_mutants(path):
         return {}
     rows = re.findall(r"^\| (src/\S+:\d+:\d+) \| (.+?) \| (.+) \|$",
                       open(path, encoding="utf-8").read(), flags=re.M)
-    return {f"{place} {change.replace(chr(92) + '|', '|')}": reason
+    return {place + " " + change.replace("\\|", "|"): reason
             for place, change, reason in rows}
 
 
@@ -645,8 +643,9 @@ def summary(results, total, run, equivalent):
     """The markdown summary: the counts, how the run went, and the survivors."""
     counts = {outcome: sum(1 for _, o, _ in results if o == outcome)
               for outcome in ("killed", "survived", "failed to compile")}
-    shown = sum(1 for m, o, _ in results if o == "survived" and m.name() in equivalent)
-    compiled = counts["killed"] + counts["survived"] - shown
+    equivalent_survivors = sum(1 for m, o, _ in results
+                               if o == "survived" and m.name() in equivalent)
+    compiled = counts["killed"] + counts["survived"] - equivalent_survivors
     score = f"{100 * counts['killed'] / compiled:.0f} %" if compiled else "-"
     each = 60 * (run["minutes"] - run["unmutated"]) / max(len(results), 1)
     skipped = f", except those matching `{run['skip']}`" if run["skip"] else ""
@@ -655,7 +654,7 @@ def summary(results, total, run, equivalent):
         "| failed to compile | score |",
         "|---|---|---|---|---|---|---|---|---|",
         f"| {datetime.date.today()} | {run['commit']} | {len(results)} of {total} "
-        f"| {run['seed']} | {counts['killed']} | {counts['survived']} | {shown} "
+        f"| {run['seed']} | {counts['killed']} | {counts['survived']} | {equivalent_survivors} "
         f"| {counts['failed to compile']} | {score} |",
         "",
         f"Score: killed / (killed + survived, less the equivalent). Tests: the linux "
