@@ -99,30 +99,59 @@ constexpr mix SMALL_AND_BUCKET_MIX = {SMALL_AND_BUCKET_BANDS, std::size(SMALL_AN
 // C runtime's; small, bucket and the C runtime's.
 constexpr unsigned EVERY_AREA = 0b110111, SMALL_AND_BUCKET = 0b100011;
 
+// Every commit may report failure (it does happen, so that the blocks stay usable), and the
+// platform refuse to zero the zeroed region's released blocks, which are then zeroed by hand.
+uint64_t commits_reported;
+
+void fail_commits_and_zeroing() {
+    platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
+        void* got = platform_virtual_alloc(at, size, type, protect);
+        if (type != MEMORY_COMMIT) return got;
+        ++commits_reported;
+        return static_cast<void*>(nullptr);
+    };
+    platform_seams.last_error = [] { return uint32_t{1455}; };
+    heap_state.memory_ops_copy.zero_range = [](void*, uint64_t, uint64_t) { return 1u; };
+}
+
+uint64_t occurrences(const std::string& text, const std::string& part) {
+    uint64_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
+    return count;
+}
+
 struct stress_case {
     const char* name;
     uint64_t seed;
     mix traffic;
     uint64_t operations;
     size_t live_limit;
-    bool tides;
+    bool tides, failing_commits;
     unsigned areas;
 };
 
 const stress_case STRESS_CASES[] = {
-    {"every_area", 20240611, DEFAULT_MIX, 1500000, 4000, false, EVERY_AREA},
-    {"every_area_again", 7, DEFAULT_MIX, 500000, 4000, false, EVERY_AREA},
-    {"small_and_bucket_tides", 31337, SMALL_AND_BUCKET_MIX, 1000000, 40000, true, SMALL_AND_BUCKET},
+    {"every_area", 20240611, DEFAULT_MIX, 1500000, 4000, false, false, EVERY_AREA},
+    {"every_area_again", 7, DEFAULT_MIX, 500000, 4000, false, false, EVERY_AREA},
+    {"small_and_bucket_tides", 31337, SMALL_AND_BUCKET_MIX, 1000000, 40000, true, false,
+     SMALL_AND_BUCKET},
+    {"every_area_on_failing_commits", 4711, DEFAULT_MIX, 300000, 4000, false, true, EVERY_AREA},
 };
 
 class stress : public fresh_heap, public ::testing::WithParamInterface<stress_case> {};
 
+// Nothing is printed but each failed commit's two lines, once, and the traffic goes on as if
+// nothing had happened.
 TEST_P(stress, keeps_every_block_intact) {
     const stress_case& c = GetParam();
     start_heap();
+    commits_reported = 0;
+    if (c.failing_commits) fail_commits_and_zeroing();
     auto [seed, model, draws] = stress_run(c.seed, c.live_limit);
+    ::testing::internal::CaptureStderr();
     drive(model, draws, c.traffic, operations_for(c.operations), c.tides);
     model.finish();
+    std::string printed = ::testing::internal::GetCapturedStderr();
     ASSERT_FALSE(model.failed()) << model.failure();
     // The traffic reached its areas, and both outcomes of realloc and of a request.
     for (unsigned a = 0; a < std::size(model.counts().by_area); ++a)
@@ -130,6 +159,10 @@ TEST_P(stress, keeps_every_block_intact) {
     EXPECT_GT(model.counts().in_place, 0u);
     EXPECT_GT(model.counts().moved, 0u);
     EXPECT_GT(model.counts().null_results, 0u);
+    EXPECT_EQ(commits_reported > 2, c.failing_commits);
+    EXPECT_EQ(occurrences(printed, "failed with the error: 1455\n"), commits_reported);
+    EXPECT_EQ(occurrences(printed, "returned a different address"), commits_reported);
+    EXPECT_EQ(occurrences(printed, "\n"), 2 * commits_reported);
 }
 
 INSTANTIATE_TEST_SUITE_P(fixed_seeds, stress, ::testing::ValuesIn(STRESS_CASES),
@@ -170,39 +203,6 @@ TEST_F(stress_edges, exhaustion_of_a_class_and_of_the_bucket_area_hands_over_and
     // Runs went on to the C runtime at the boundary, and the area served again once freed.
     EXPECT_GT(reached(model, area::run), runs);
     EXPECT_GT(reached(model, area::foreign), foreign);
-}
-
-// Every commit reports failure (it does happen, so that the blocks stay usable): each prints
-// its two lines once, never again, and the traffic goes on as if nothing had happened. The
-// zeroed region's releases cannot have their blocks zeroed by the platform either, and zero
-// them by hand: calloc's blocks stay zero.
-uint64_t commits_reported;
-
-TEST_F(stress_edges, commits_that_report_failure_print_once_each_and_change_nothing) {
-    start_heap();
-    commits_reported = 0;
-    platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
-        void* got = platform_virtual_alloc(at, size, type, protect);
-        if (type != MEMORY_COMMIT) return got;
-        ++commits_reported;
-        return static_cast<void*>(nullptr);
-    };
-    platform_seams.last_error = [] { return uint32_t{1455}; };
-    heap_state.memory_ops_copy.zero_range = [](void*, uint64_t, uint64_t) { return 1u; };
-    auto [seed, model, draws] = stress_run(4711, 4000);
-    ::testing::internal::CaptureStderr();
-    drive(model, draws, DEFAULT_MIX, operations_for(300000));
-    model.finish();
-    std::string printed = ::testing::internal::GetCapturedStderr();
-    ASSERT_FALSE(model.failed()) << model.failure();
-    auto lines_with = [&](const std::string& text) {
-        uint64_t count = 0;
-        for (size_t at = 0; (at = printed.find(text, at)) != std::string::npos; ++at) ++count;
-        return count;
-    };
-    EXPECT_GT(commits_reported, 2u);
-    EXPECT_EQ(lines_with("failed with the error: 1455\n"), commits_reported);
-    EXPECT_EQ(lines_with("returned a different address"), commits_reported);
 }
 
 }  // namespace

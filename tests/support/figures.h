@@ -61,14 +61,6 @@ inline constexpr uint64_t run_groups(uint64_t size) {
     return (groups + 511) / 512 * 512;
 }
 
-// The run-length entry of a rounded run of at most 32768 groups.
-inline constexpr unsigned run_entry(uint64_t groups) {
-    return unsigned(groups <= 63     ? groups
-                    : groups <= 504  ? 64 + groups / 8
-                    : groups <= 4032 ? 128 + groups / 64
-                                     : 192 + groups / 512);
-}
-
 enum class area : uint8_t { small, bucket, run, huge_run, zeroed, foreign };
 
 struct placement {
