@@ -80,9 +80,7 @@ struct stress_run {
     heap_model model;
     random_draws draws;
     stress_run(uint64_t fixed_seed, size_t live_limit)
-        : seed(seed_for(fixed_seed)), model(seed, live_limit), draws{seed} {
-        model.start();
-    }
+        : seed(seed_for(fixed_seed)), model(seed, live_limit), draws{seed} {}
 };
 
 uint64_t reached(const heap_model& model, area a) {

@@ -66,7 +66,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 0 && data[0] % 2 == 1) heap_state.zeroed_uses = 200;
     heap_model model(size, 64);
     byte_draws draws{data, size};
-    model.start();
     while (draws.size > 0 && !model.failed()) model.execute(draw_operation(draws, FUZZ_MIX));
     model.audit();
     model.finish();

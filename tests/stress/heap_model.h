@@ -111,18 +111,15 @@ struct model_counts {
 
 class heap_model {
   public:
-    // Above `live_limit` live blocks every allocation turns into a release.
-    heap_model(uint64_t seed, size_t live_limit) : seed_(seed), live_limit_(live_limit) {}
+    // On a ready heap. Above `live_limit` live blocks every allocation turns into a release.
+    // The heap's later draws follow the seed; only the layout drawn at start-up varies.
+    heap_model(uint64_t seed, size_t live_limit) : seed_(seed), live_limit_(live_limit) {
+        if (heap_state.init_state != READY) fail("heap not ready");
+        heap_state.rng_state = seed_;
+    }
     bool failed() const { return !failure_.empty(); }
     const std::string& failure() const { return failure_; }
     const model_counts& counts() const { return counts_; }
-
-    // The heap must be ready.
-    void start() {
-        if (heap_state.init_state != READY) return fail("heap not ready");
-        // The heap's later draws follow the seed; only the layout drawn at start-up varies.
-        heap_state.rng_state = seed_;
-    }
 
     void execute(const operation& op) {
         if (failed()) return;
