@@ -83,7 +83,6 @@ static int logged_call(int log_file, int closing_slot) {
 static int random_calls(const char* seed, const char* count, const char* path) {
     random_state = strtoull(seed, NULL, 10);
     int log_file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (log_file < 0) return 2;
     for (unsigned long call = strtoul(count, NULL, 10); call > 0; --call)
         if (!logged_call(log_file, -1)) return 3;
     for (int slot = 0; slot < SLOTS; ++slot)
@@ -106,15 +105,14 @@ static int construct(void) {
     return 0;
 }
 
-static void* allocate_elsewhere(void* unused) {
-    (void)unused;
-    return malloc(64);
+static void* allocate_elsewhere(void* size) {
+    return malloc((size_t)size);
 }
 
 static int threads(void) {
     pthread_t thread;
     free(malloc(64));
-    if (pthread_create(&thread, NULL, allocate_elsewhere, NULL) != 0) return 2;
+    if (pthread_create(&thread, NULL, allocate_elsewhere, (void*)64) != 0) return 2;
     void* block;
     pthread_join(thread, &block);
     free(block);
