@@ -18,12 +18,15 @@
 #include <unistd.h>
 
 enum { SLOTS = 48 };
+enum { CALLOC, POSIX, ALIGNED, MEMALIGN, VALLOC, MALLOC, REALLOC, ARRAY, FREE, NEW };
+static const char* const NAMES[] = {"calloc",   "posix_memalign", "aligned_alloc",
+                                    "memalign", "valloc",         "malloc",
+                                    "realloc",  "reallocarray",   "free"};
 
 static void* blocks[SLOTS];
 static unsigned long numbers[SLOTS]; /* 0: empty */
 static unsigned long blocks_made;
 static uint64_t random_state;
-static int log_file;
 
 static uint64_t draw(uint64_t below) {
     random_state = random_state * 6364136223846793005ULL + 1442695040888963407ULL;
@@ -39,76 +42,51 @@ static size_t random_size(void) {
                        : 1 + draw(256);
 }
 
-static void log_call(const char* call, uint64_t first, uint64_t second, unsigned long number,
-                     const char* flags) {
+/* On a random slot, a resize one time in four, else a new block in an empty slot or the release
+ * of a full one. The draws keep the order data/subject.trace was recorded with. A resize to 0
+ * bytes that answers null has freed the block; any other null keeps it. */
+static int logged_call(int log_file, int closing_slot) {
+    unsigned slot = closing_slot >= 0 ? (unsigned)closing_slot : (unsigned)draw(SLOTS);
+    int resize = closing_slot < 0 && draw(4) == 0;
+    void *block = blocks[slot], *result = NULL;
+    size_t size = resize || block == NULL ? random_size() : 0;
+    int kind = resize ? REALLOC + (draw(4) == 0) : block != NULL ? FREE : NEW;
+    uint64_t alignment = kind == NEW ? 16u << draw(6) : 0, count = kind == NEW ? 1 + draw(8) : 0;
+    uint64_t pick = kind == NEW ? draw(10) : 0;
+    if (kind == NEW) kind = pick < MALLOC ? (int)pick : MALLOC;
+    /* The arguments of each kind of call, as logged. */
+    const uint64_t firsts[] = {count, alignment, alignment, alignment, size, size, size, 2, 0};
+    const uint64_t seconds[] = {size / 8, size, size, size, 0, 0, 0, size / 2, 0};
+    uint64_t first = firsts[kind], second = seconds[kind];
+    result = kind == CALLOC     ? calloc(first, second)
+             : kind == ALIGNED  ? aligned_alloc(first, second)
+             : kind == MEMALIGN ? memalign(first, second)
+             : kind == VALLOC   ? valloc(first)
+             : kind == MALLOC   ? malloc(first)
+             : kind == REALLOC  ? realloc(block, first)
+             : kind == ARRAY    ? reallocarray(block, first, second)
+                                : NULL;
+    if (kind == POSIX && posix_memalign(&result, first, second) != 0) result = NULL;
+    if (kind == FREE) free(block);
+    if (block == NULL && result != NULL) numbers[slot] = ++blocks_made;
     char line[160];
-    int length = snprintf(line, sizeof line, "%s %llu %llu %lu%s\n", call,
-                          (unsigned long long)first, (unsigned long long)second, number, flags);
-    if (write(log_file, line, (size_t)length) != length) _exit(3);
-}
-
-static void new_block(unsigned slot) {
-    size_t size = random_size(), alignment = (size_t)16 << draw(6), count = 1 + draw(8);
-    uint64_t kind = draw(10), first = kind == 0 ? count : kind < 4 ? alignment : size;
-    uint64_t second = kind == 0 ? size / 8 : kind < 4 ? size : 0;
-    static const char* const NAMES[] = {"calloc", "posix_memalign", "aligned_alloc", "memalign",
-                                        "valloc"};
-    void* block = NULL;
-    if (kind == 0)
-        block = calloc(count, size / 8);
-    else if (kind == 1 && posix_memalign(&block, alignment, size) != 0)
-        block = NULL;
-    else if (kind == 2)
-        block = aligned_alloc(alignment, size);
-    else if (kind == 3)
-        block = memalign(alignment, size);
-    else if (kind == 4)
-        block = valloc(size);
-    else if (kind > 4)
-        block = malloc(size);
-    blocks[slot] = block;
-    numbers[slot] = block == NULL ? 0 : ++blocks_made;
-    log_call(kind < 5 ? NAMES[kind] : "malloc", first, second, numbers[slot],
-             block == NULL ? " null" : "");
-}
-
-/* A resize to 0 bytes that answers null has freed the block; any other null keeps it. */
-static void resize(unsigned slot) {
-    size_t size = random_size();
-    int array = draw(4) == 0;
-    void* moved = array ? reallocarray(blocks[slot], 2, size / 2) : realloc(blocks[slot], size);
-    char flags[24];
-    snprintf(flags, sizeof flags, "%s%s", blocks[slot] == NULL ? " from-null" : "",
-             moved == NULL ? " null" : "");
-    if (blocks[slot] == NULL && moved != NULL) numbers[slot] = ++blocks_made;
-    log_call(array ? "reallocarray" : "realloc", array ? 2 : size, array ? size / 2 : 0,
-             numbers[slot], flags);
-    if (moved != NULL || (array ? size / 2 : size) == 0) blocks[slot] = moved;
+    int length = snprintf(line, sizeof line, "%s %llu %llu %lu%s%s\n", NAMES[kind],
+                          (unsigned long long)first, (unsigned long long)second, numbers[slot],
+                          resize && block == NULL ? " from-null" : "",
+                          result == NULL && kind != FREE ? " null" : "");
+    if (result != NULL || kind == FREE || (kind == REALLOC ? first : first * second) == 0)
+        blocks[slot] = result;
     if (blocks[slot] == NULL) numbers[slot] = 0;
-}
-
-static void release(unsigned slot) {
-    free(blocks[slot]);
-    log_call("free", 0, 0, numbers[slot], "");
-    blocks[slot] = NULL;
-    numbers[slot] = 0;
+    return write(log_file, line, (size_t)length) == length;
 }
 
 static int random_calls(const char* seed, const char* count, const char* path) {
     random_state = strtoull(seed, NULL, 10);
-    log_file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (log_file < 0) return 2;
-    for (unsigned long call = strtoul(count, NULL, 10); call > 0; --call) {
-        unsigned slot = (unsigned)draw(SLOTS);
-        if (draw(4) == 0)
-            resize(slot);
-        else if (blocks[slot] == NULL)
-            new_block(slot);
-        else
-            release(slot);
-    }
-    for (unsigned slot = 0; slot < SLOTS; ++slot)
-        if (blocks[slot] != NULL) release(slot);
+    int log_file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    for (unsigned long call = strtoul(count, NULL, 10); call > 0; --call)
+        if (!logged_call(log_file, -1)) return 3;
+    for (int slot = 0; slot < SLOTS; ++slot)
+        if (blocks[slot] != NULL && !logged_call(log_file, slot)) return 3;
     return close(log_file);
 }
 
@@ -127,15 +105,14 @@ static int construct(void) {
     return 0;
 }
 
-static void* allocate_elsewhere(void* unused) {
-    (void)unused;
-    return malloc(64);
+static void* allocate_elsewhere(void* size) {
+    return malloc((size_t)size);
 }
 
 static int threads(void) {
     pthread_t thread;
     free(malloc(64));
-    if (pthread_create(&thread, NULL, allocate_elsewhere, NULL) != 0) return 2;
+    if (pthread_create(&thread, NULL, allocate_elsewhere, (void*)64) != 0) return 2;
     void* block;
     pthread_join(thread, &block);
     free(block);
