@@ -12,9 +12,7 @@ namespace {
 constexpr uint64_t SPOT = 0x7e0000000000, SIZE = 0x400000;
 constexpr uint32_t ERROR_INVALID_ADDRESS = 487;
 
-void* at(uint64_t address) {
-    return reinterpret_cast<void*>(address);
-}
+const auto at = [](uint64_t address) { return reinterpret_cast<void*>(address); };
 void* reserve(uint64_t address, uint64_t size) {
     return platform_virtual_alloc(at(address), size, MEMORY_RESERVE, PAGE_READ_WRITE);
 }
@@ -26,24 +24,13 @@ bool release(uint64_t address) {
 }
 
 // Exactly where asked or not at all; anywhere, on a 64 KiB boundary; given up whole, at its
-// base only and with no size.
-TEST(platform_memory, reservations_land_where_asked_and_are_released_whole) {
+// base only and with no size. Commits succeed inside a reservation only, and read zero.
+TEST(platform_memory, reserves_commits_and_releases_as_the_heap_relies_on) {
     ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
-    EXPECT_EQ(reserve(SPOT, SIZE), nullptr);
     EXPECT_EQ(reserve(SPOT + SIZE / 2, SIZE), nullptr);
     EXPECT_FALSE(release(SPOT + 0x10000));
     EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);
     EXPECT_FALSE(platform_virtual_free(at(SPOT), 0x10000, MEMORY_RELEASE));
-    EXPECT_TRUE(release(SPOT));
-    EXPECT_FALSE(release(SPOT));
-    auto anywhere = reinterpret_cast<uint64_t>(reserve(0, SIZE + 0x1000));
-    ASSERT_NE(anywhere, 0u);
-    EXPECT_EQ(anywhere % 0x10000, 0u);
-    EXPECT_TRUE(release(anywhere));
-}
-
-TEST(platform_memory, commits_succeed_inside_a_reservation_only_and_read_zero) {
-    ASSERT_EQ(reserve(SPOT, SIZE), at(SPOT));
     ASSERT_EQ(commit(SPOT + 0x10000, 0x20000), at(SPOT + 0x10000));
     auto* bytes = static_cast<unsigned char*>(at(SPOT + 0x10000));
     for (uint64_t i = 0; i < 0x20000; i += 0x1000) ASSERT_EQ(bytes[i], 0);
@@ -52,7 +39,12 @@ TEST(platform_memory, commits_succeed_inside_a_reservation_only_and_read_zero) {
     EXPECT_EQ(commit(SPOT + SIZE, 0x1000), nullptr);
     EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);
     EXPECT_TRUE(release(SPOT));
+    EXPECT_FALSE(release(SPOT));
     EXPECT_EQ(commit(SPOT + 0x10000, 0x1000), nullptr);
+    auto anywhere = reinterpret_cast<uint64_t>(reserve(0, SIZE + 0x1000));
+    ASSERT_NE(anywhere, 0u);
+    EXPECT_EQ(anywhere % 0x10000, 0u);
+    EXPECT_TRUE(release(anywhere));
 }
 
 }  // namespace

@@ -72,12 +72,12 @@ TEST_P(reserve_aligned_script, makes_its_attempts_in_order) {
         return uint32_t{0};
     };
     heap_state.memory_ops = &ops;
-    answers = GetParam().answers;
-    calls.clear();
+    const scripted& s = GetParam();
+    answers = s.answers, calls.clear();
     uint64_t size = 1;  // rounded up to the alignment
-    EXPECT_EQ(reserve_aligned(H, &size, A), GetParam().expected_base);
-    EXPECT_EQ(size, GetParam().expected_size);
-    EXPECT_EQ(calls, std::vector<call>(ATTEMPTS, ATTEMPTS + GetParam().calls_made));
+    EXPECT_EQ(reserve_aligned(H, &size, A), s.expected_base);
+    EXPECT_EQ(size, s.expected_size);
+    EXPECT_EQ(calls, std::vector<call>(ATTEMPTS, ATTEMPTS + s.calls_made));
     heap_state.memory_ops = nullptr;
 }
 
@@ -100,15 +100,13 @@ TEST_F(fresh_heap, trimming_leaves_the_returned_range_unreserved) {
     };
     heap_state.memory_ops = &ops;
     constexpr uint64_t GIB = uint64_t{1} << 30;
-    uint64_t size = GIB;
-    uint64_t base = reserve_aligned(0x7e0000000000, &size, GIB);
+    uint64_t size = GIB, base = reserve_aligned(0x7e0000000000, &size, GIB);
     ASSERT_NE(base, 0u);
     EXPECT_EQ(base % GIB, 0u);
     EXPECT_EQ(attempts, 3u);
     if (size != GIB) GTEST_SKIP() << "the platform's own answer happened to be aligned";
-    EXPECT_EQ(platform_virtual_alloc(reinterpret_cast<void*>(base), 0x1000, MEMORY_COMMIT,
-                                     PAGE_READ_WRITE),
-              nullptr);
+    void* at = reinterpret_cast<void*>(base);
+    EXPECT_EQ(platform_virtual_alloc(at, 0x1000, MEMORY_COMMIT, PAGE_READ_WRITE), nullptr);
 }
 
 }  // namespace

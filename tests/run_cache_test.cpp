@@ -30,6 +30,7 @@ void put(uint32_t first, uint32_t length, unsigned length_class, unsigned entry)
 }
 
 struct eviction_case {
+    const char* name;
     uint32_t one_group_runs;  // cached first, oldest first
     bool with_long_run;       // cached last
     bool flush;               // rather than a trim
@@ -52,36 +53,28 @@ TEST_P(run_cache_eviction, evicts_long_runs_then_short_ones_oldest_first) {
     for (uint32_t i = 0; i < c.one_group_runs; ++i)
         EXPECT_EQ(group_claimed(FIRST_TEST_GROUP + i), i >= c.oldest_evicted) << i;
     EXPECT_FALSE(group_claimed(LONG_FIRST) || group_claimed(LONG_FIRST + LONG_LENGTH - 1));
-    EXPECT_EQ(heap_state.short_runs_first,
-              kept ? &heap_state.group_descriptor[FIRST_TEST_GROUP + c.oldest_evicted] : nullptr);
-    EXPECT_EQ(
-        heap_state.run_length_table[1].cached_runs,
-        kept ? &heap_state.group_descriptor[FIRST_TEST_GROUP + c.one_group_runs - 1] : nullptr);
+    group_descriptor_record* runs = heap_state.group_descriptor + FIRST_TEST_GROUP;
+    EXPECT_EQ(heap_state.short_runs_first, kept ? runs + c.oldest_evicted : nullptr);
+    EXPECT_EQ(heap_state.run_length_table[1].cached_runs,
+              kept ? runs + c.one_group_runs - 1 : nullptr);
     EXPECT_EQ(heap_state.long_runs_first, nullptr);
     EXPECT_EQ(heap_state.run_length_table[158].cached_runs, nullptr);
     // Each evicted run was released with its own length.
     run_count(expected, 1) += kept;
-    EXPECT_EQ(std::memcmp(expected.run_counts, heap_state.group_search_state.run_counts,
-                          sizeof expected.run_counts),
-              0);
+    const uint32_t* counts = heap_state.group_search_state.run_counts;
+    EXPECT_EQ(std::memcmp(expected.run_counts, counts, sizeof expected.run_counts), 0);
 }
 
-// A trim keeps 118 groups of short runs, and evicts the oldest one when nothing else went; a
-// flush evicts everything.
-INSTANTIATE_TEST_SUITE_P(
-    rules, run_cache_eviction,
-    ::testing::Values(eviction_case{0, false, false, 0}, eviction_case{1, false, false, 1},
-                      eviction_case{118, false, false, 1}, eviction_case{119, false, false, 1},
-                      eviction_case{120, false, false, 2}, eviction_case{200, false, false, 82},
-                      eviction_case{50, true, false, 0}, eviction_case{130, true, false, 12},
-                      eviction_case{0, true, false, 0}, eviction_case{30, true, true, 30},
-                      eviction_case{200, false, true, 200}),
-    [](const auto& info) {
-        const eviction_case& c = info.param;
-        return std::to_string(c.one_group_runs) + "_short" +
-               (c.with_long_run ? "_and_a_long" : "") + (c.flush ? "_flush" : "_trim") +
-               "_evicts_" + std::to_string(c.oldest_evicted);
-    });
+// A trim keeps 118 groups of short runs, and evicts the oldest one when nothing else went; long
+// runs go first; a flush evicts everything.
+const eviction_case EVICTIONS[] = {{"118_short_trim_evicts_1", 118, false, false, 1},
+                                   {"200_short_trim_evicts_82", 200, false, false, 82},
+                                   {"50_short_and_a_long_trim_evicts_0", 50, true, false, 0},
+                                   {"130_short_and_a_long_trim_evicts_12", 130, true, false, 12},
+                                   {"30_short_and_a_long_flush_evicts_30", 30, true, true, 30}};
+
+INSTANTIATE_TEST_SUITE_P(rules, run_cache_eviction, ::testing::ValuesIn(EVICTIONS),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace tarnheap::testing

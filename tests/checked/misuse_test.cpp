@@ -37,37 +37,48 @@ void stray_write(char* block, size_t offset) {
     at[offset] = 1;
 }
 
-// Each area by a block it hands out, the request that hands out such a block again (through
-// another entry each), and how messages describe the block.
+// Each area by a block it hands out, how the program gives it back (through free, or through a
+// resize that moves it), the request that hands out such a block again (through another entry
+// each), and how messages describe the block.
 struct heap_area {
     const char* name;
     char* (*make)();
+    void (*release)(char* block);
+    const char* release_call;
     void (*again)();
     const char* again_call;
-    size_t size;
+    size_t size, past_end;       // bytes asked for; the last byte of the block
     const char* block;           // while in use
     const char* released_block;  // once released
     bool size_kept;              // whether a released block's messages still give its size
 };
 
-#define SMALL " of small class 7 \\(32-byte blocks\\)"
+#define SMALL " of small class 3 \\(16-byte blocks\\)"
 #define UNIT " of bucket class 45 \\(3072-byte units\\) in group " NUMBER
 #define ZEROED " of the zeroed region \\(13 slots of 64 KiB from slot " NUMBER "\\)"
+#define FREED "free\\(" ADDRESS "\\)"
+
+void freed(char* block) {
+    tarnheap_free(block);
+}
 
 const heap_area AREAS[] = {
-    {"small", [] { return taken(24); }, [] { tarnheap_free(taken(24)); }, "malloc\\(24\\)", 24,
+    {"small", [] { return static_cast<char*>(tarnheap_calloc(3, 5)); },
+     [](char* block) { tarnheap_free(tarnheap_realloc(block, 200)); },
+     "realloc\\(" ADDRESS ", 200\\)", [] { tarnheap_free(taken(15)); }, "malloc\\(15\\)", 15, 15,
      SMALL, SMALL, true},
     // A neighbour keeps the group from emptying into the run cache.
     {"unit", [] { return taken(3000), taken(3000); },
-     [] { tarnheap_free(tarnheap_calloc(1, 3000)); }, "calloc\\(1, 3000\\)", 3000, UNIT, UNIT,
-     false},
+     [](char* block) { tarnheap_free(tarnheap_realloc(block, 6000)); },
+     "realloc\\(" ADDRESS ", 6000\\)", [] { tarnheap_free(tarnheap_calloc(1, 3000)); },
+     "calloc\\(1, 3000\\)", 3000, 3071, UNIT, UNIT, false},
     // A resize's new block starts at its run's first byte, at or before the old one's start.
-    {"large", [] { return taken(300000); },
+    {"large", [] { return taken(300000); }, freed, FREED,
      [] { tarnheap_free(tarnheap_realloc(nullptr, 300000)); }, "realloc\\(0x0, 300000\\)", 300000,
-     " of the large run of 5 groups from group " NUMBER,
+     300000, " of the large run of 5 groups from group " NUMBER,
      " of a released large run from group " NUMBER, false},
-    {"zeroed", [] { return zeroed(800000); }, [] { tarnheap_free(zeroed(800000)); },
-     "calloc\\(1, 800000\\)", 800000, ZEROED, ZEROED, true},
+    {"zeroed", [] { return zeroed(800000); }, freed, FREED, [] { tarnheap_free(zeroed(800000)); },
+     "calloc\\(1, 800000\\)", 800000, 800000, ZEROED, ZEROED, true},
 };
 
 // A scenario, run as misuse or as correct use, and the first line of its message up to the
@@ -78,25 +89,24 @@ struct misuse_case {
     std::string message;
 };
 
-// The kinds of misuse every area finds.
-std::vector<misuse_case> in_every_area() {
+// The kinds of misuse every area finds, and pointers that were never blocks.
+std::vector<misuse_case> every_case() {
     std::vector<misuse_case> cases;
     for (const heap_area& a : AREAS) {
         std::string allocated = ", allocated with " + std::to_string(a.size) + " bytes";
-        std::string prefix = std::string(a.name) + "_";
-        cases.push_back({prefix + "released_twice",
-                         [&a](bool misuse) {
-                             char* block = a.make();
-                             tarnheap_free(block);
-                             if (misuse) tarnheap_free(block);
-                         },
-                         "double release: free\\(" ADDRESS "\\): block " ADDRESS +
-                             std::string(a.released_block) + allocated});
+        std::string prefix = std::string(a.name) + "_", call = a.release_call;
+        cases.push_back(
+            {prefix + "released_twice",
+             [&a](bool misuse) {
+                 char* block = a.make();
+                 tarnheap_free(block);
+                 if (misuse) a.release(block);
+             },
+             "double release: " + call + ": block " ADDRESS + a.released_block + allocated});
         cases.push_back({prefix + "interior_released",
-                         [&a](bool misuse) { tarnheap_free(a.make() + (misuse ? 8 : 0)); },
-                         "not the start of a block: free\\(" ADDRESS
-                         "\\): 8 bytes into block " ADDRESS +
-                             std::string(a.block) + allocated});
+                         [&a](bool misuse) { a.release(a.make() + (misuse ? 8 : 0)); },
+                         "not the start of a block: " + call + ": 8 bytes into block " ADDRESS +
+                             a.block + allocated});
         cases.push_back({prefix + "written_after_release",
                          [&a](bool misuse) {
                              char* block = a.make();
@@ -110,43 +120,16 @@ std::vector<misuse_case> in_every_area() {
         cases.push_back({prefix + "written_past_end",
                          [&a](bool misuse) {
                              char* block = a.make();
-                             if (misuse) stray_write(block, a.size);
-                             tarnheap_free(block);
+                             if (misuse) stray_write(block, a.past_end);
+                             a.release(block);
                          },
-                         "write past the block's end: free\\(" ADDRESS "\\): byte " +
-                             std::to_string(a.size) + " of block " ADDRESS + a.block + allocated});
+                         "write past the block's end: " + call + ": byte " +
+                             std::to_string(a.past_end) + " of block " ADDRESS + a.block +
+                             allocated});
     }
-    return cases;
-}
-
-// Misuses through resize, by pointers that were never blocks, and of calloc's small blocks.
-std::vector<misuse_case> every_case() {
-    std::vector<misuse_case> cases = in_every_area();
     cases.insert(
         cases.end(),
-        {{"released_block_resized",
-          [](bool misuse) {
-              char* block = taken(100);
-              if (misuse) tarnheap_free(block);
-              tarnheap_free(tarnheap_realloc(block, 200));
-          },
-          "double release: realloc\\(" ADDRESS ", 200\\): block " ADDRESS
-          " of small class 18 \\(112-byte blocks\\), allocated with 100 bytes"},
-         {"unit_interior_resized",
-          [](bool misuse) {
-              tarnheap_free(tarnheap_realloc(taken(3000) + (misuse ? 64 : 0), 4000));
-          },
-          "not the start of a block: realloc\\(" ADDRESS
-          ", 4000\\): 64 bytes into block " ADDRESS UNIT ", allocated with 3000 bytes"},
-         {"unit_written_past_end_resized",
-          [](bool misuse) {
-              char* block = taken(3000);
-              if (misuse) stray_write(block, 3071);
-              tarnheap_free(tarnheap_realloc(block, 6000));
-          },
-          "write past the block's end: realloc\\(" ADDRESS
-          ", 6000\\): byte 3071 of block " ADDRESS UNIT ", allocated with 3000 bytes"},
-         // Group 0 is the initialisation's and never holds a block.
+        {// Group 0 is the initialisation's and never holds a block.
          {"bucket_area_outside_blocks_released",
           [](bool misuse) {
               void* foreign = std::malloc(64);
@@ -154,8 +137,7 @@ std::vector<misuse_case> every_case() {
                                    : foreign);
               if (misuse) std::free(foreign);
           },
-          "not a block of this heap: free\\(" ADDRESS "\\): in group 0 of the bucket area, outside "
-          "its blocks"},
+          "not a block of this heap: " FREED ": in group 0 of the bucket area, outside its blocks"},
          // A segment holds its bitmap before its first block.
          {"small_segment_outside_blocks_released",
           [](bool misuse) {
@@ -164,17 +146,8 @@ std::vector<misuse_case> every_case() {
                   tarnheap_free(
                       reinterpret_cast<void*>(heap_state.small_class[3].first_block - 64));
           },
-          "not a block of this heap: free\\(" ADDRESS
-          "\\): in the segment of small class 3, outside "
-          "its blocks"},
-         {"calloc_block_written_past_end",
-          [](bool misuse) {
-              auto* block = static_cast<char*>(tarnheap_calloc(3, 5));
-              if (misuse) stray_write(block, 15);
-              tarnheap_free(block);
-          },
-          "write past the block's end: free\\(" ADDRESS "\\): byte 15 of block " ADDRESS
-          " of small class 3 \\(16-byte blocks\\), allocated with 15 bytes"}});
+          "not a block of this heap: " FREED ": in the segment of small class 3, outside its "
+          "blocks"}});
     return cases;
 }
 
