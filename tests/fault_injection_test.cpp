@@ -57,7 +57,7 @@ const commit_case COMMIT_CASES[] = {
     {"bucket_area_chunk_0", [] { return tarnheap_malloc(3000); }, REGION_HINT + BUCKET_AREA_OFFSET,
      536985600, 100},
     {"zeroed_region", [] { return heap_state.zeroed_uses = 200, tarnheap_calloc(1, 800000); },
-     ZEROED_HINT, 67108864, 60},
+     ZEROED_HINT, 67108864, 20},
 };
 
 class failed_commit : public fresh_heap, public ::testing::WithParamInterface<commit_case> {};
@@ -71,8 +71,7 @@ TEST_P(failed_commit, prints_both_messages_once_and_serves_the_block) {
     ::testing::internal::CaptureStderr();
     void* block = c.request();
     std::string printed = ::testing::internal::GetCapturedStderr();
-    ASSERT_NE(block, nullptr);
-    EXPECT_TRUE(all_zero(block, 16));
+    EXPECT_TRUE(block != nullptr && all_zero(block, 16));
     auto* at = reinterpret_cast<void*>(c.address);
     auto size = static_cast<unsigned long long>(c.size);
     char expected[512];
@@ -144,18 +143,15 @@ TEST_P(missing_fallback, fails_with_enomem_or_takes_the_next_entry) {
     if (removed & CALLOC) heap_state.fallback_calloc = nullptr;
     if (removed & REALLOC) heap_state.fallback_realloc = nullptr;
     if (removed & FREE) heap_state.fallback_free = nullptr;
-    errno = 0;
-    released = nullptr;
+    errno = 0, released = nullptr;
     void* block = GetParam().request();
     EXPECT_EQ(block != nullptr, GetParam().answered);
-    if (block == nullptr) {
-        EXPECT_EQ(errno, ENOMEM);
-    } else {
+    EXPECT_TRUE(block != nullptr || errno == ENOMEM) << errno;
+    if (block != nullptr) {
         EXPECT_TRUE(all_zero(block, 100));
         tarnheap_free(block);
         EXPECT_EQ(released, removed & FREE ? nullptr : block);
-        // Still the C runtime's block: its free would abort on a double release.
-        if (removed & FREE) c_free(block);
+        if (removed & FREE) c_free(block);  // still the C runtime's: it would abort on a repeat
     }
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
