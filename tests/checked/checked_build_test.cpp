@@ -162,6 +162,24 @@ TEST_P(misuse, stops_the_program_with_its_message_and_the_return_addresses) {
 INSTANTIATE_TEST_SUITE_P(every_area, misuse, ::testing::ValuesIn(every_case()),
                          [](const auto& info) { return info.param.name; });
 
+// A request made while the heap starts (as the loading of the C runtime makes one) gets a piece
+// of the bootstrap arena, whose release is a plain one even beside small blocks in use.
+void* early_piece;
+
+TEST_F(fresh_heap, a_block_handed_out_while_the_heap_starts_is_released_clean) {
+    early_piece = nullptr;
+    platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
+        if (early_piece == nullptr) early_piece = tarnheap_malloc(24);
+        return platform_virtual_alloc(at, size, type, protect);
+    };
+    void* small = tarnheap_malloc(2);                         // class 0's first block, kept in use
+    ASSERT_EQ(early_piece, heap_state.bootstrap_arena + 16);  // after its header
+    ::testing::internal::CaptureStderr();
+    tarnheap_free(early_piece);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(reinterpret_cast<uint64_t>(small), heap_state.small_class[0].first_block);
+}
+
 // Each doubling from 1 byte to 64 MiB as likely as the next: small classes, bucket classes and
 // runs alike. calloc's sizes stop at 1 MiB, the zeroed region's largest.
 uint64_t drawn_size(std::mt19937_64& draws, unsigned doublings) {
