@@ -14,6 +14,7 @@
 #include "checked/shadow.h"
 #include "platform/platform.h"
 #include "support/case_printer.h"
+#include "support/figures.h"
 #include "support/fresh_heap.h"
 #include "tarnheap.h"
 
@@ -178,6 +179,25 @@ TEST_F(fresh_heap, a_block_handed_out_while_the_heap_starts_is_released_clean) {
     tarnheap_free(early_piece);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(reinterpret_cast<uint64_t>(small), heap_state.small_class[0].first_block);
+}
+
+// The marks of released bucket granules lie in pieces committed as releases reach them; the
+// piece that begins with the marks of group 6649's bytes 3072 on is first reached by the release
+// of the second 3072-byte unit of a group there, whose marks all lie at its very start.
+TEST_F(fresh_heap, a_release_whose_marks_begin_a_shadow_piece_runs_clean) {
+    start_heap();
+    std::vector<void*> blocks;  // one group each, claimed in order up to group 6649
+    for (uint32_t g = heap_state.group_search_state.run_counts[0]; g < 6649; ++g)
+        blocks.push_back(tarnheap_malloc(70000));
+    void* first_unit = tarnheap_malloc(3000);
+    auto* second_unit = static_cast<char*>(tarnheap_malloc(3000));
+    ASSERT_EQ(reinterpret_cast<uint64_t>(second_unit) - heap_state.bucket_area_base,
+              6649 * GROUP_BYTES + 3072);
+    ::testing::internal::CaptureStderr();
+    tarnheap_free(second_unit);
+    tarnheap_free(first_unit);
+    for (void* block : blocks) tarnheap_free(block);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
 // Each doubling from 1 byte to 64 MiB as likely as the next: small classes, bucket classes and
