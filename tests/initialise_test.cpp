@@ -1,6 +1,7 @@
 // Start-up: the small classes' capacities and the groups a first request claims. (The ways
 // initialisation fails are with the other injected faults.)
 #include <cstdint>
+#include <random>
 
 #include "state/initialise.h"
 #include "support/figures.h"
@@ -27,9 +28,25 @@ TEST(small_class_layout, holds_the_worked_capacities_at_both_ends_of_the_gap) {
             << "class " << c.small_class << ", gap " << c.r;
 }
 
-// The classes' sizes, routes and capacities show in every placement the stress test checks, where
-// the region and its areas lie in the failed commits' messages; the warm-up's groups show only
-// here.
+// Between the ends: as many blocks as fit with their bitmap, and not one more.
+TEST(small_class_layout, fills_its_segment_at_every_gap) {
+    std::mt19937 random(2024);
+    for (int draw = 0; draw < 5000; ++draw) {
+        unsigned small_class = random() % 28;
+        uint64_t block = small_block_bytes(small_class), r = random() % 524287;
+        small_class_plan plan = plan_small_class(uint32_t(block), uint32_t(r));
+        // The gap, a line, the bitmap (a bit per block, whole lines), a line, the blocks.
+        auto end = [&](uint64_t blocks) {
+            return 64 * r + 128 + (blocks + 511) / 512 * 64 + blocks * block;
+        };
+        ASSERT_EQ(plan.gap_bytes, 64 * r);
+        ASSERT_LE(end(plan.capacity), SEGMENT_BYTES) << small_class << " " << r;
+        ASSERT_GT(end(plan.capacity + 1), SEGMENT_BYTES) << small_class << " " << r;
+    }
+}
+
+// Where the region and its areas lie shows in the failed commits' messages, and the heap's
+// audit checks each class's layout; the warm-up's groups show only here.
 TEST_F(fresh_heap, a_first_request_claims_the_lowest_groups_for_the_warm_up) {
     tarnheap_free(tarnheap_malloc(1));
     const run_search_state& search = heap_state.group_search_state;

@@ -31,7 +31,6 @@ void put(uint32_t first, uint32_t length, unsigned length_class, unsigned entry)
 }
 
 struct eviction_case {
-    const char* name;
     uint32_t one_group_runs;  // cached first, oldest first
     bool with_long_run;       // cached last
     bool flush;               // rather than a trim
@@ -60,14 +59,20 @@ TEST_P(run_cache_eviction, evicts_long_runs_then_short_ones_oldest_first) {
 
 // A trim keeps 118 groups of short runs, and evicts the oldest one when nothing else went; long
 // runs go first; a flush evicts everything.
-const eviction_case EVICTIONS[] = {{"118_short_trim_evicts_1", 118, false, false, 1},
-                                   {"200_short_trim_evicts_82", 200, false, false, 82},
-                                   {"50_short_and_a_long_trim_evicts_0", 50, true, false, 0},
-                                   {"130_short_and_a_long_trim_evicts_12", 130, true, false, 12},
-                                   {"30_short_and_a_long_flush_evicts_30", 30, true, true, 30}};
+const eviction_case EVICTIONS[] = {{118, false, false, 1},
+                                   {200, false, false, 82},
+                                   {50, true, false, 0},
+                                   {130, true, false, 12},
+                                   {30, true, true, 30}};
 
 INSTANTIATE_TEST_SUITE_P(rules, run_cache_eviction, ::testing::ValuesIn(EVICTIONS),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& info) {
+                             const eviction_case& c = info.param;
+                             return std::to_string(c.one_group_runs) + "_short" +
+                                    (c.with_long_run ? "_and_a_long" : "") +
+                                    (c.flush ? "_flush" : "_trim") + "_evicts_" +
+                                    std::to_string(c.oldest_evicted);
+                         });
 
 }  // namespace
 }  // namespace tarnheap::testing

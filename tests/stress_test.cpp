@@ -182,6 +182,7 @@ constexpr operation_mix SHRINKING = {{300, 60, 150, 480, 10, 0}};
 TEST_F(stress_edges, exhaustion_of_a_class_and_of_the_bucket_area_hands_over_and_back) {
     start_heap();
     auto [seed, model, draws] = stress_run(99, 2000000);
+    ::testing::internal::CaptureStderr();
     const mix draining = {LAST_CLASS_BANDS, 1, ALLOCATIONS_ONLY};
     while (
         (heap_state.small_class[27].remaining > 0 || heap_state.small_class_head[27].depth > 0) &&
@@ -197,6 +198,7 @@ TEST_F(stress_edges, exhaustion_of_a_class_and_of_the_bucket_area_hands_over_and
     drive(model, draws, {BOUNDARY_BANDS, std::size(BOUNDARY_BANDS), SHRINKING},
           operations_for(300000));
     model.finish();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     ASSERT_FALSE(model.failed()) << model.failure();
     // Runs went on to the C runtime at the boundary, and the area served again once freed.
     EXPECT_GT(reached(model, area::run), runs);

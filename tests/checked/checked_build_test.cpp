@@ -59,7 +59,7 @@ struct heap_area {
     const char* release_call;
     void (*again)();
     const char* again_call;
-    size_t size, past_end;       // bytes asked for; the last byte of the block
+    size_t size, past_end;       // bytes asked for; the first guarded byte past them
     const char* block;           // while in use
     const char* released_block;  // once released
     bool size_kept;              // whether a released block's messages still give its size
@@ -163,11 +163,13 @@ TEST_P(misuse, stops_the_program_with_its_message_and_the_return_addresses) {
 INSTANTIATE_TEST_SUITE_P(every_area, misuse, ::testing::ValuesIn(every_case()),
                          [](const auto& info) { return info.param.name; });
 
+class checked_build : public fresh_heap {};
+
 // A request made while the heap starts (as the loading of the C runtime makes one) gets a piece
 // of the bootstrap arena, whose release is a plain one even beside small blocks in use.
 void* early_piece;
 
-TEST_F(fresh_heap, a_block_handed_out_while_the_heap_starts_is_released_clean) {
+TEST_F(checked_build, a_block_handed_out_while_the_heap_starts_is_released_clean) {
     early_piece = nullptr;
     platform_seams.virtual_alloc = [](void* at, uint64_t size, uint32_t type, uint32_t protect) {
         if (early_piece == nullptr) early_piece = tarnheap_malloc(24);
@@ -184,15 +186,17 @@ TEST_F(fresh_heap, a_block_handed_out_while_the_heap_starts_is_released_clean) {
 // The marks of released bucket granules lie in pieces committed as releases reach them; the
 // piece that begins with the marks of group 6649's bytes 3072 on is first reached by the release
 // of the second 3072-byte unit of a group there, whose marks all lie at its very start.
-TEST_F(fresh_heap, a_release_whose_marks_begin_a_shadow_piece_runs_clean) {
+TEST_F(checked_build, a_release_whose_marks_begin_a_shadow_piece_runs_clean) {
     start_heap();
     std::vector<void*> blocks;  // one group each, claimed in order up to group 6649
     for (uint32_t g = heap_state.group_search_state.run_counts[0]; g < 6649; ++g)
         blocks.push_back(tarnheap_malloc(70000));
     void* first_unit = tarnheap_malloc(3000);
     auto* second_unit = static_cast<char*>(tarnheap_malloc(3000));
-    ASSERT_EQ(reinterpret_cast<uint64_t>(second_unit) - heap_state.bucket_area_base,
-              6649 * GROUP_BYTES + 3072);
+    uint64_t offset = 6649 * GROUP_BYTES + 3072;
+    ASSERT_EQ(reinterpret_cast<uint64_t>(second_unit) - heap_state.bucket_area_base, offset);
+    // What this checks holds while the unit's marks (a bit per 64 bytes) begin a piece.
+    ASSERT_EQ((SHADOW_LAYOUT.filled_granules + offset / 64 / 64 * 8) % SHADOW_PIECE_BYTES, 0u);
     ::testing::internal::CaptureStderr();
     tarnheap_free(second_unit);
     tarnheap_free(first_unit);
@@ -236,8 +240,6 @@ std::vector<uint64_t> serve(bool checked) {
     for (void* block : live) free(block);
     return placed;
 }
-
-class checked_build : public fresh_heap {};
 
 TEST_F(checked_build, hands_out_the_heaps_blocks_and_leaves_its_state) {
     start_heap();

@@ -123,6 +123,7 @@ const request_case REQUESTS[] = {
     {"valloc_of_100", via_valloc, 0, 100, FROM_C_LIBRARY, 0, 4096},
     {"pvalloc_of_4097", via_pvalloc, 0, 4097, FROM_C_LIBRARY, 0, 4096},
     // posix_memalign wants a power of two and a multiple of a pointer; the others a power of two.
+    {"posix_memalign_0", via_posix_memalign, 0, 8, EINVAL},
     {"posix_memalign_4", via_posix_memalign, 4, 8, EINVAL},
     {"posix_memalign_24", via_posix_memalign, 24, 8, EINVAL},
     {"aligned_alloc_0", via_aligned_alloc, 0, 8, EINVAL},
