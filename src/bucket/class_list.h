@@ -6,13 +6,32 @@
 
 #include <cstdint>
 
+#include "state/compiler.h"
 #include "state/heap_state.h"
 
 namespace tarnheap {
 
+// Takes the full group at the head of a class's list off the list, marked detached: the release
+// of one of its units brings it back. A head's prev_group is 0 already. Returns the new head.
+TARNHEAP_HOT uint32_t detach_full_head(uint32_t& head) {
+    bucket_group_view& view = heap_state.group_descriptor[head].bucket;
+    uint32_t next = view.next_group;
+    view.detached = 1;
+    view.next_group = 0;
+    if (next != 0) heap_state.group_descriptor[next].bucket.prev_group = 0;
+    head = next;
+    return next;
+}
+
 // Detaches full groups from the head of the class's list until the head has a free unit.
 // Returns that head, or 0 when the list ran empty.
-uint32_t first_group_with_room(unsigned bucket_class);
+TARNHEAP_HOT uint32_t first_group_with_room(unsigned bucket_class) {
+    uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
+    uint32_t group = head;
+    while (group != 0 && heap_state.group_descriptor[group].bucket.free_units == 0)
+        group = detach_full_head(head);
+    return group;
+}
 
 // Puts `group` at the head of its class's list.
 inline void push_group(unsigned bucket_class, uint32_t group) {
