@@ -33,14 +33,21 @@ TARNHEAP_HOT uint32_t first_group_with_room(unsigned bucket_class) {
     return group;
 }
 
-// Puts `group` at the head of its class's list.
-inline void push_group(unsigned bucket_class, uint32_t group) {
-    uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
+// Puts `group` back at the head of its class's list if it is detached. Where a class's groups
+// stay almost full, a release lands in a detached group about as often as not, in random order:
+// the choice is made by a mask rather than a branch. A detached group's links are 0 and so is the
+// head's prev_group, so the links are set by OR; with the mask 0 every store writes back what it
+// read (descriptor 0, the head of an empty list, included).
+TARNHEAP_HOT void reattach_if_detached(uint32_t group) {
     bucket_group_view& view = heap_state.group_descriptor[group].bucket;
-    view.prev_group = 0;
-    view.next_group = head;
-    if (head != 0) heap_state.group_descriptor[head].bucket.prev_group = group;
-    head = group;
+    uint32_t& head = heap_state.bucket_class_table[view.class_index].group_index;
+    uint32_t old_head = head;
+    uint32_t detached = 0u - view.detached;
+    uint32_t listed = 0u - static_cast<uint32_t>(old_head != 0);
+    heap_state.group_descriptor[old_head].bucket.prev_group |= group & detached & listed;
+    view.next_group |= old_head & detached;
+    head = old_head ^ ((old_head ^ group) & detached);
+    view.detached = 0;
 }
 
 // Takes `group` off its class's list and clears its links.
