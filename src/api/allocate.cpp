@@ -82,7 +82,7 @@ TARNHEAP_HOT void* popped(const small_stack& stack, size_t size) {
 
 using namespace tarnheap;
 
-extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
+extern "C" TARNHEAP_EXPORT TARNHEAP_LINE_ALIGNED void* TARNHEAP_ENTRY(malloc)(size_t size) {
     // Size step 0 (1 to 4 bytes) is routed to class 0 in both routings and in the zero state,
     // so its route byte answers as the constant would.
     if (size - 1 < ROUTED_STEPS * 4) {
