@@ -8,6 +8,7 @@
 #include "api/entry_names.h"
 #include "api/out_of_memory.h"
 #include "bucket/bucket_class.h"
+#include "bucket/class_list.h"
 #include "bucket/hand_out.h"
 #include "bucket/slow_paths.h"
 #include "small/small_class.h"
@@ -26,7 +27,14 @@ TARNHEAP_COLD void* malloc_miss(size_t size) {
     return out_of_memory();
 }
 
+// The head group of the class is full. Where the class's groups stay almost full this is
+// common: the full heads leave the list here, and only a list run empty goes on to the slow path.
 TARNHEAP_OUT_OF_LINE void* bucket_miss(unsigned bucket_class, size_t size) {
+    if (uint32_t group = first_group_with_room(bucket_class)) {
+        uint64_t block = claim_unit(heap_state.group_descriptor[group].bucket,
+                                    heap_state.bucket_class_table[bucket_class].bucket_size);
+        return hand_out(block, size, MODE_MALLOC);
+    }
     if (void* block = malloc_bucket_miss(bucket_class, size)) return block;
     return out_of_memory();
 }
@@ -74,7 +82,7 @@ TARNHEAP_HOT void* popped(const small_stack& stack, size_t size) {
 
 using namespace tarnheap;
 
-extern "C" TARNHEAP_EXPORT void* TARNHEAP_ENTRY(malloc)(size_t size) {
+extern "C" TARNHEAP_EXPORT TARNHEAP_LINE_ALIGNED void* TARNHEAP_ENTRY(malloc)(size_t size) {
     // Size step 0 (1 to 4 bytes) is routed to class 0 in both routings and in the zero state,
     // so its route byte answers as the constant would.
     if (size - 1 < ROUTED_STEPS * 4) {

@@ -9,12 +9,6 @@
 
 namespace tarnheap {
 
-void reattach_group(uint32_t group) {
-    bucket_group_view& view = heap_state.group_descriptor[group].bucket;
-    view.detached = 0;
-    push_group(view.class_index, group);
-}
-
 TARNHEAP_COLD void retire_group(uint32_t group) {
     // The group waits in the run cache, still claimed in the group bitmap, for any class or a
     // one-group block.

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "bucket/class_list.h"
 #include "bucket/run_cache.h"
 #include "bucket/run_length.h"
 #include "runs/run_finder_table.h"
@@ -11,9 +12,6 @@
 #include "state/reciprocal.h"
 
 namespace tarnheap {
-
-// Puts a group that was taken off its class's list while full back at the head of the list.
-void reattach_group(uint32_t group);
 
 // Takes an emptied group off its class's list and hands it to the run cache as a free run of
 // one group.
@@ -27,9 +25,7 @@ TARNHEAP_HOT void release_unit(uint32_t group, uint64_t offset) {
     view.unit_bitmap[unit / 64] &= ~(uint64_t{1} << (unit % 64));
     uint16_t free_units = ++view.free_units;
     if (TARNHEAP_UNLIKELY(free_units == view.unit_count)) return retire_group(group);
-    // Common where a class's groups are full: the head fills, and any release in a full group
-    // brings it back.
-    if (view.detached != 0) reattach_group(group);
+    reattach_if_detached(group);
 }
 
 // Releases the large block whose run starts at `group`: to the run cache, or for runs of more

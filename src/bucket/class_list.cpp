@@ -12,17 +12,6 @@ bucket_group_view& group_view(uint32_t group) {
 
 }  // namespace
 
-uint32_t first_group_with_room(unsigned bucket_class) {
-    uint32_t head;
-    while ((head = heap_state.bucket_class_table[bucket_class].group_index) != 0 &&
-           group_view(head).free_units == 0) {
-        // The release of one of its units brings it back.
-        group_view(head).detached = 1;
-        unlink_group(bucket_class, head);
-    }
-    return head;
-}
-
 void unlink_group(unsigned bucket_class, uint32_t group) {
     uint32_t& head = heap_state.bucket_class_table[bucket_class].group_index;
     bucket_group_view& view = group_view(group);

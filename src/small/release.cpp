@@ -45,6 +45,6 @@ void release_block(uint64_t address) {
 
 }  // namespace tarnheap
 
-extern "C" TARNHEAP_EXPORT void TARNHEAP_ENTRY(free)(void* block) {
+extern "C" TARNHEAP_EXPORT TARNHEAP_LINE_ALIGNED void TARNHEAP_ENTRY(free)(void* block) {
     tarnheap::release_address(reinterpret_cast<uint64_t>(block));
 }

@@ -8,3 +8,7 @@
 #define TARNHEAP_OUT_OF_LINE __attribute__((noinline))
 #define TARNHEAP_LIKELY(x) __builtin_expect(!!(x), 1)
 #define TARNHEAP_UNLIKELY(x) __builtin_expect(!!(x), 0)
+
+// For the entries whose fast paths take a few nanoseconds: where they start within a cache line
+// moves their time by as much as a change of a few instructions would.
+#define TARNHEAP_LINE_ALIGNED __attribute__((aligned(64)))
