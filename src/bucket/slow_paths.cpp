@@ -2,8 +2,10 @@
 //
 //   malloc / calloc fast path: a pop from a small class's stack, or a unit claim in the head
 //     group of a bucket class (up to 35328 bytes)
+//   -> malloc's bucket miss: full head groups leave the list, the next group with room serves
 //   -> malloc_slow / calloc_slow (malloc of 257 to 35328 bytes enters at step 2 through
-//      malloc_bucket_miss, larger ones at step 3 through malloc_large)
+//      malloc_bucket_miss once its class's list is empty, larger ones at step 3 through
+//      malloc_large)
 //        1. small classes: pop, or small_class_refill while the class has blocks never issued
 //        2. bucket_alloc: a unit of a bucket class (small requests overflow into classes 0 to 4)
 //        3. run_alloc: a run of whole groups, through the run cache and the run finders;
