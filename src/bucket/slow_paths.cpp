@@ -4,8 +4,8 @@
 //     group of a bucket class (up to 35328 bytes)
 //   -> malloc's bucket miss: full head groups leave the list, the next group with room serves
 //   -> malloc_slow / calloc_slow (malloc of 257 to 35328 bytes enters at step 2 through
-//      malloc_bucket_miss once its class's list is empty, larger ones at step 3 through
-//      malloc_large)
+//      malloc_bucket_miss once its class's list is empty; larger ones call run_alloc, step 3,
+//      from malloc itself, and come here only for the last resorts)
 //        1. small classes: pop, or small_class_refill while the class has blocks never issued
 //        2. bucket_alloc: a unit of a bucket class (small requests overflow into classes 0 to 4)
 //        3. run_alloc: a run of whole groups, through the run cache and the run finders;
@@ -96,12 +96,6 @@ TARNHEAP_COLD void* allocate_block(uint64_t size, alloc_mode mode) {
 void* malloc_bucket_miss(unsigned bucket_class, uint64_t size) {
     if (void* block = bucket_alloc_after_miss(bucket_class, size, MODE_MALLOC)) return block;
     if (void* block = run_alloc(size, MODE_MALLOC)) return block;
-    return allocate_last_resort(size, MODE_MALLOC);
-}
-
-void* malloc_large(uint64_t size) {
-    if (size <= LARGE_MAX)
-        if (void* block = run_alloc(size, MODE_MALLOC)) return block;
     return allocate_last_resort(size, MODE_MALLOC);
 }
 

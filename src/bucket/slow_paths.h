@@ -22,9 +22,6 @@ void* allocate_block(uint64_t size, alloc_mode mode);
 // as malloc's fast path found it: the same result without the steps that cannot serve it.
 void* malloc_bucket_miss(unsigned bucket_class, uint64_t size);
 
-// The same for a request above 35328 bytes, which only a run of groups or the last resorts serve.
-void* malloc_large(uint64_t size);
-
 // What a request gets when the heap could not serve it: initialisation and a new attempt, the
 // bootstrap arena while initialising, the C runtime's allocator once ready or failed.
 void* allocate_last_resort(uint64_t size, alloc_mode mode);
