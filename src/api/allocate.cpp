@@ -31,11 +31,8 @@ TARNHEAP_COLD void* malloc_miss(size_t size) {
 // The head group of the class is full. Where the class's groups stay almost full this is
 // common: the full heads leave the list here, and only a list run empty goes on to the slow path.
 TARNHEAP_OUT_OF_LINE void* bucket_miss(unsigned bucket_class, size_t size) {
-    if (uint32_t group = first_group_with_room(bucket_class)) {
-        uint64_t block = claim_unit(heap_state.group_descriptor[group].bucket,
-                                    heap_state.bucket_class_table[bucket_class].bucket_size);
-        return hand_out(block, size, MODE_MALLOC);
-    }
+    if (uint32_t group = first_group_with_room(bucket_class))
+        return hand_out(claim_in_group(group, bucket_class), size, MODE_MALLOC);
     if (void* block = malloc_bucket_miss(bucket_class, size)) return block;
     return out_of_memory();
 }

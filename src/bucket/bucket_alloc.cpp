@@ -47,9 +47,7 @@ void* bucket_alloc_after_miss(unsigned bucket_class, uint64_t size, alloc_mode m
     uint32_t group = first_group_with_room(bucket_class);
     if (group == 0) group = new_group(bucket_class);
     if (group == 0) return nullptr;
-    uint64_t unit = claim_unit(heap_state.group_descriptor[group].bucket,
-                               heap_state.bucket_class_table[bucket_class].bucket_size);
-    return hand_out(unit, size, mode);
+    return hand_out(claim_in_group(group, bucket_class), size, mode);
 }
 
 void* bucket_alloc(uint64_t size, alloc_mode mode) {

@@ -81,4 +81,10 @@ TARNHEAP_HOT uint64_t claim_unit(bucket_group_view& group, uint32_t bucket_size)
     return block;
 }
 
+// The same by index: the lowest free unit of `group`, a group of `bucket_class` with one free.
+TARNHEAP_HOT uint64_t claim_in_group(uint32_t group, unsigned bucket_class) {
+    return claim_unit(heap_state.group_descriptor[group].bucket,
+                      heap_state.bucket_class_table[bucket_class].bucket_size);
+}
+
 }  // namespace tarnheap
