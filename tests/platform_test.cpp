@@ -40,6 +40,8 @@ TEST(platform_memory, reserves_commits_and_releases_as_the_heap_relies_on) {
     auto* bytes = static_cast<unsigned char*>(at(SPOT + 0x10000));
     for (uint64_t i = 0; i < 0x20000; i += 0x1000) ASSERT_EQ(bytes[i], 0);
     std::memset(bytes, 0x5A, 0x20000);
+    // An address inside a page commits that page.
+    EXPECT_EQ(allocate(SPOT + 0x31005, 0x10, MEMORY_COMMIT), at(SPOT + 0x31000));
     EXPECT_EQ(allocate(SPOT + SIZE - 0x1000, 0x2000, MEMORY_COMMIT), nullptr);  // runs past the end
     EXPECT_EQ(allocate(SPOT + SIZE, 0x1000, MEMORY_COMMIT), nullptr);
     EXPECT_EQ(platform_last_error(), ERROR_INVALID_ADDRESS);

@@ -4,6 +4,7 @@
 // checks change nothing the heap decides: the same random requests, made from the same state
 // through the checked entries and through the heap's own (which the checked build keeps under
 // other names), get the same blocks in the same order and leave the same state behind.
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -145,7 +146,19 @@ std::vector<misuse_case> every_case() {
          {"small_segment_outside_blocks_released",
           [released] { released(heap_state.small_class[3].first_block - 64); },
           "not a block of this heap: " FREED ": in the segment of small class 3, outside its "
-          "blocks"}});
+          "blocks"},
+         // The released fill of the block below must not stand in for this block's own bytes.
+         {"small_written_after_release_above_a_released_block",
+          [] {
+              char* first = AREAS[0].make();
+              char* second = AREAS[0].make();
+              tarnheap_free(std::min(first, second));
+              tarnheap_free(std::max(first, second));
+              stray_write(std::max(first, second), 13);
+              AREAS[0].again();
+          },
+          "write after release: malloc\\(15\\): byte 13 of released block " ADDRESS SMALL
+          ", allocated with 15 bytes"}});
     return cases;
 }
 
